@@ -1,0 +1,58 @@
+#include "support/file_system.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace corvel::storage::support {
+namespace {
+
+constexpr mode_t kPublicMode = 0666;
+constexpr mode_t kSecretMode = 0600;
+constexpr mode_t kSecretMask = 0077;
+
+/// Sets the process's umask and puts the old one back at the end of the scope.
+class ScopedUmask {
+ public:
+  explicit ScopedUmask(mode_t mask) : previous_(umask(mask)) {}
+  ~ScopedUmask() { umask(previous_); }
+  ScopedUmask(const ScopedUmask&) = delete;
+  ScopedUmask& operator=(const ScopedUmask&) = delete;
+
+ private:
+  mode_t previous_;
+};
+
+int OpenDescriptor(const std::string& path, FilePrivacy privacy) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+  if (privacy == FilePrivacy::kPublic) return open(path.c_str(), kFlags, kPublicMode);
+  // The mode must be right when the file appears: a later chmod would leave a
+  // moment in which somebody else could open it.
+  ScopedUmask mask(kSecretMask);
+  return open(path.c_str(), kFlags, kSecretMode);
+}
+
+}  // namespace
+
+bool PathExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+FilePtr OpenForWriting(const std::string& path, FilePrivacy privacy) {
+  const int descriptor = OpenDescriptor(path, privacy);
+  if (descriptor < 0) return nullptr;
+  FilePtr file(fdopen(descriptor, "wb"));
+  if (file == nullptr) {
+    close(descriptor);
+    return nullptr;
+  }
+  // A stdio buffer would keep a copy of the secret after the file is closed.
+  if (privacy == FilePrivacy::kSecret) std::setvbuf(file.get(), nullptr, _IONBF, 0);
+  return file;
+}
+
+bool WriteText(const std::string& text, std::FILE* file) {
+  return std::fwrite(text.data(), 1, text.size(), file) == text.size();
+}
+
+bool CloseFile(FilePtr file) { return std::fclose(file.release()) == 0; }
+
+}  // namespace corvel::storage::support
