@@ -1,0 +1,79 @@
+#include "config/config.h"
+
+#include <strings.h>
+
+#include "support/secret.h"
+
+namespace corvel::storage::tzconfig {
+
+bool StringCaseCmp::operator()(const std::string& a, const std::string& b) const {
+  return strcasecmp(a.c_str(), b.c_str()) < 0;
+}
+
+OptionValue::~OptionValue() { support::WipeText(&value); }
+
+SectionOptionMap* TZConfig::GetOptionMap(const std::string& section) {
+  const auto place = sections_.lower_bound(section);
+  if (place != sections_.end() && !sections_.key_comp()(section, place->first)) {
+    return place->second.get();
+  }
+  // The order grows first: when the map then cannot, the name is taken back.
+  sectionOrder_.push_back(section);
+  try {
+    return sections_.emplace_hint(place, section, std::make_unique<SectionOptionMap>())
+        ->second.get();
+  } catch (...) {
+    sectionOrder_.pop_back();
+    throw;
+  }
+}
+
+OptionValue* TZConfig::OptionEntry(const std::string& section, const std::string& option,
+                                   std::int32_t* result) {
+  *result = kBadArgument;
+  if (section.empty() || option.empty()) return nullptr;
+  *result = kSectionUnavailable;
+  SectionOptionMap* const map = GetOptionMap(section);
+  if (map == nullptr) return nullptr;
+  *result = kSuccess;
+  return &map->options[option];
+}
+
+std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::string& option,
+                                      const std::string& value) {
+  std::int32_t result = kSuccess;
+  OptionValue* const entry = OptionEntry(section, option, &result);
+  if (entry != nullptr) entry->value = value;
+  return result;
+}
+
+std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::string& option,
+                                      const std::string& value, const std::string& comment) {
+  std::int32_t result = kSuccess;
+  OptionValue* const entry = OptionEntry(section, option, &result);
+  if (entry == nullptr) return result;
+  entry->value = value;
+  entry->comment = comment;
+  return kSuccess;
+}
+
+std::int32_t TZConfig::GetOptionValue(const std::string& section, const std::string& option,
+                                      std::string* value, std::string* comment) {
+  if (section.empty() || option.empty() || value == nullptr || comment == nullptr) {
+    return kBadArgument;
+  }
+  const SectionOptionMap* const map = GetOptionMap(section);
+  if (map == nullptr) return kSectionUnavailable;
+  const auto entry = map->options.find(option);
+  if (entry == map->options.end()) return kOptionMissing;
+  *value = entry->second.value;
+  *comment = entry->second.comment;
+  return kSuccess;
+}
+
+void TZConfig::Reset() {
+  sections_.clear();
+  sectionOrder_.clear();
+}
+
+}  // namespace corvel::storage::tzconfig
