@@ -1,0 +1,160 @@
+#include "webservice/webservice.h"
+
+#include <curl/curl.h>
+
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <sstream>
+
+#include "support/bounded_text.h"
+#include "support/server_trust.h"
+
+namespace corvel::storage::tzregister {
+namespace {
+
+constexpr char kChannelScheme[] = "vrmo://";
+constexpr unsigned kPollSeconds = 2;
+constexpr std::size_t kKeydirBytes = 5012;
+constexpr int kChannelRequestKind = 13;
+constexpr char kChannelParameter[] = "action";
+
+int Fail(const char* message) {
+  std::cerr << message << std::endl;
+  return -1;
+}
+
+/// A request as the channel carries it: credentials beside the text.
+struct ChannelRequest {
+  std::string login;
+  std::string password;
+  std::string keydir;
+  std::string text;
+
+  ~ChannelRequest() {
+    support::WipeText(&login);
+    support::WipeText(&password);
+    support::WipeText(&text);
+  }
+};
+
+void AppendPair(const std::string& name, const std::string& value, std::string* text) {
+  if (!text->empty()) text->append("&");
+  text->append(name).append("=").append(value);
+}
+
+ChannelRequest SplitFields(const FormFields& fields) {
+  ChannelRequest request;
+  for (const auto& [name, value] : fields) {
+    if (name == "login") {
+      request.login = value;
+    } else if (name == "passwd") {
+      request.password = value;
+    } else if (name == "keydir") {
+      request.keydir = value;
+    } else if (name == "action") {
+      request.text += value;
+    } else {
+      AppendPair(name, value, &request.text);
+    }
+  }
+  return request;
+}
+
+struct ChannelCloser {
+  RequestChannel* channel;
+  void operator()(WSHandle* handle) const { channel->Shutdown(handle); }
+};
+
+using ChannelPtr = std::unique_ptr<WSHandle, ChannelCloser>;
+
+}  // namespace
+
+WebService::WebService(const Network& network) : network_(network) {}
+
+WebService::~WebService() {
+  for (auto& field : fields) support::WipeText(&field.second);
+}
+
+int WebService::field(const char* name, const char* value) {
+  hasFields = true;
+  fields.emplace(name, value);
+  return 0;
+}
+
+int WebService::field(const char* name, std::int64_t value) {
+  std::ostringstream text;
+  text << value;
+  return field(name, text.str().c_str());
+}
+
+int WebService::get(long* httpCode) {
+  *httpCode = 0;
+  if (url.empty()) return Fail("No URL specified");
+  buffer.Release();
+  return url.rfind(kChannelScheme, 0) == 0 ? GetByChannel() : GetByHttp(httpCode);
+}
+
+int WebService::GetByHttp(long* httpCode) {
+  HttpRequest request;
+  request.url = url;
+  request.form = hasFields ? &fields : nullptr;
+  if (supportTWLXSSLVerify() != 0) request.caFile = support::ServerCertificateFile(url);
+  request.timeoutSeconds = timeout;
+  const std::unique_ptr<HttpTransfer> transfer = network_.http->Start(request, &buffer);
+  if (transfer == nullptr) return Fail("Can't initialize webservice network layer");
+
+  int performResult = CURLM_OK;
+  if (!WaitForTransfer(transfer.get(), &performResult)) {
+    transfer->Abandon();
+    return Fail("Webservice call timed out. (curl call did not)");
+  }
+  const HttpOutcome outcome = transfer->Finish();
+  *httpCode = outcome.responseCode;
+  if (performResult == CURLM_OK && outcome.transferResult == CURLE_OK) return 0;
+  return Fail("Network error during webservice call");
+}
+
+/// Polls until the transfer has ended; false when the deadline passed first.
+/// The deadline is looked at before the end is, so a transfer that libcurl's own
+/// time-out ended during the last pause counts as timed out.
+bool WebService::WaitForTransfer(HttpTransfer* transfer, int* performResult) const {
+  const std::time_t deadline = network_.clock->Now() + timeout;
+  int running = 1;
+  while (network_.clock->Now() <= deadline) {
+    if (running == 0) return true;
+    *performResult = transfer->Perform(&running);
+    if (*performResult != CURLM_CALL_MULTI_PERFORM) network_.clock->Sleep(kPollSeconds);
+  }
+  return false;
+}
+
+int WebService::GetByChannel() {
+  const ChannelRequest request = SplitFields(fields);
+  char keydir[kKeydirBytes];
+  support::BoundedCopy(keydir, sizeof(keydir), request.keydir.c_str());
+  WSReply reply;
+  int result = 0;
+  {
+    const ChannelPtr handle(network_.channel->Init(url.c_str(), request.login.c_str(),
+                                                   request.password.c_str(), keydir, 0),
+                            ChannelCloser{network_.channel});
+    if (handle == nullptr) return Fail("Can't initialize webservice.");
+    result = network_.channel->Request(handle.get(), kChannelRequestKind, &reply, kChannelParameter,
+                                       request.text.c_str(), 0);
+  }
+  const HeapText text(reply.text);
+  if (result != 0) return Fail("Request failed.");
+  if (reply.status != 0) return Fail("return status failed.");
+  if (text != nullptr) data_callback(text.get(), 1, std::strlen(text.get()), &buffer);
+  return 0;
+}
+
+std::size_t WebService::data_callback(char* ptr, std::size_t size, std::size_t nmemb,
+                                      WebServiceBuffer* userdata) {
+  if (userdata == nullptr) return 0;
+  const std::size_t count = size * nmemb;
+  return userdata->Append(ptr, count) ? count : 0;
+}
+
+}  // namespace corvel::storage::tzregister

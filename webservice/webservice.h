@@ -1,0 +1,70 @@
+#ifndef WEBSERVICE_WEBSERVICE_H_
+#define WEBSERVICE_WEBSERVICE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "webservice/record_set.h"
+#include "webservice/transport.h"
+
+namespace corvel::storage::tzregister {
+
+/// One request to a page of the Storage Pool Authority and the text of its
+/// answer: add fields, get, parse, destroy. Everything in it is wiped when it
+/// goes. For use by one thread.
+class WebService {
+ public:
+  /// `network` says through what the request goes; what it points to must
+  /// outlive the object.
+  explicit WebService(const Network& network = Network());
+  ~WebService();
+  WebService(const WebService&) = delete;
+  WebService& operator=(const WebService&) = delete;
+
+  /// Adds a form field; a name that is there already keeps its first value.
+  /// Both texts are zero-terminated and copied. Returns 0.
+  int field(const char* name, const char* value);
+
+  /// As above, with `value` in decimal.
+  int field(const char* name, std::int64_t value);
+
+  /// Sends the request and waits for the answer, about `timeout` seconds at
+  /// most. "vrmo://" URLs go over the request channel, all others over HTTP(S):
+  /// a multipart POST when fields were added, else a GET. Any earlier answer is
+  /// dropped first.
+  /// Returns 0 with the answer in `buffer`, whatever its HTTP status; -1 after
+  /// one line on standard error otherwise. `*httpCode` receives the HTTP status,
+  /// 0 when there was none. Does not throw but for std::bad_alloc.
+  int get(long* httpCode);
+
+  /// Reads the received text into `*records`. Returns 0 for a table of records
+  /// and for an error block, -1 for anything else.
+  int parse(RecordSet* records) const;
+
+  /// libcurl's write function: appends size * nmemb bytes to `*userdata` and
+  /// returns that number. Returns 0, which ends the transfer, when `userdata` is
+  /// null, memory is short or the answer is longer than is accepted; the buffer
+  /// is empty then.
+  static std::size_t data_callback(char* ptr, std::size_t size, std::size_t nmemb,
+                                   WebServiceBuffer* userdata);
+
+  FormFields fields;
+  bool hasFields = false;  ///< set by every call of `field`
+  WebServiceBuffer buffer;
+  std::string url;                 ///< full URL of the page
+  std::int32_t timeout = 120;      ///< seconds; deadline of one `get`
+  std::int32_t shortTimeout = 30;  ///< seconds; not used by any request so far
+  std::int32_t httpStatus = 0;     ///< shown in failure reports; `get` leaves it alone
+
+ private:
+  int GetByHttp(long* httpCode);
+  int GetByChannel();
+  bool WaitForTransfer(HttpTransfer* transfer, int* performResult) const;
+
+  Network network_;
+};
+
+}  // namespace corvel::storage::tzregister
+
+#endif  // WEBSERVICE_WEBSERVICE_H_
