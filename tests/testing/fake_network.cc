@@ -1,0 +1,89 @@
+#include "tests/testing/fake_network.h"
+
+#include <cstring>
+#include <stdexcept>
+
+namespace corvel::storage::testing {
+namespace {
+
+class FakeTransfer : public tzregister::HttpTransfer {
+ public:
+  FakeTransfer(ScriptedAnswer answer, std::vector<std::string>* calls,
+               tzregister::WebServiceBuffer* buffer)
+      : answer_(std::move(answer)), calls_(calls), buffer_(buffer) {}
+  ~FakeTransfer() override { calls_->push_back("destroy"); }
+
+  int Perform(int* running) override {
+    calls_->push_back("perform");
+    if (next_ < answer_.parts.size()) {
+      std::string& part = answer_.parts[next_++];
+      tzregister::WebService::data_callback(part.data(), 1, part.size(), buffer_);
+    }
+    *running = answer_.endless || next_ < answer_.parts.size() ? 1 : 0;
+    return answer_.performResult;
+  }
+
+  tzregister::HttpOutcome Finish() override {
+    calls_->push_back("finish");
+    return answer_.outcome;
+  }
+
+  void Abandon() override { calls_->push_back("abandon"); }
+
+ private:
+  ScriptedAnswer answer_;
+  std::size_t next_ = 0;
+  std::vector<std::string>* calls_;
+  tzregister::WebServiceBuffer* buffer_;
+};
+
+/// The channel hands out handles without looking into them; this stands for one.
+WSHandle* FakeHandle() {
+  static char handle;
+  return reinterpret_cast<WSHandle*>(&handle);
+}
+
+std::string Join(const std::vector<std::string>& words) {
+  std::string line;
+  for (const std::string& word : words) line += (line.empty() ? "" : " ") + word;
+  return line;
+}
+
+}  // namespace
+
+std::unique_ptr<tzregister::HttpTransfer> FakeTransport::Start(
+    const tzregister::HttpRequest& request, tzregister::WebServiceBuffer* answer) {
+  calls.push_back("start");
+  SentRequest sent{
+      request.url, request.form != nullptr, {}, request.caFile, request.timeoutSeconds};
+  if (request.form != nullptr) sent.form.assign(request.form->begin(), request.form->end());
+  requests.push_back(sent);
+  if (onStart) onStart();
+  if (requests.size() > script.size()) throw std::logic_error("no answer scripted");
+  const ScriptedAnswer& scripted = script[requests.size() - 1];
+  if (!scripted.start) return nullptr;
+  return std::make_unique<FakeTransfer>(scripted, &calls, answer);
+}
+
+WSHandle* FakeChannel::Init(const char* url, const char* login, const char* password,
+                            const char* keydir, int flags) {
+  calls.push_back(Join({"init", url, login, password, keydir, std::to_string(flags)}));
+  return init ? FakeHandle() : nullptr;
+}
+
+int FakeChannel::Request(WSHandle* handle, int kind, WSReply* reply, const char* parameter,
+                         const char* requestText, int flags) {
+  if (handle != FakeHandle()) throw std::logic_error("unknown handle");
+  calls.push_back(
+      Join({"request", std::to_string(kind), parameter, requestText, std::to_string(flags)}));
+  reply->status = status;
+  if (hasText) reply->text = strdup(text.c_str());
+  return result;
+}
+
+void FakeChannel::Shutdown(WSHandle* handle) {
+  if (handle != FakeHandle()) throw std::logic_error("unknown handle");
+  calls.push_back("shutdown");
+}
+
+}  // namespace corvel::storage::testing
