@@ -75,7 +75,7 @@ Bytes EncodeSignedPart(X509* certificate) {
   unsigned char* encoded = nullptr;
   const int length = i2d_re_X509_tbs(certificate, &encoded);
   if (length <= 0) return {};
-  const Bytes bytes(encoded, encoded + length);
+  Bytes bytes(encoded, encoded + length);
   OPENSSL_free(encoded);
   return bytes;
 }

@@ -8,7 +8,6 @@
 #include "support/environment.h"
 #include "support/file_system.h"
 
-using corvel::storage::support::BoundedAppend;
 using corvel::storage::support::BoundedCopy;
 using corvel::storage::support::CurlTextPtr;
 using corvel::storage::support::CurlUrlPtr;

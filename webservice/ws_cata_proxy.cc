@@ -23,7 +23,7 @@ bool Refuse(const char* message) {
 
 /// Stores what follows the first "passwd=" of the first line that holds one;
 /// false, after a line on standard error, when there is nothing to be had.
-bool getSpaPasswdFromFile(std::string path, std::string& passwd) {
+bool getSpaPasswdFromFile(const std::string& path, std::string& passwd) {
   std::ifstream file(path);
   if (!file) return Refuse("Failed to open SPA passwd file.");
   std::string line;
