@@ -5,9 +5,9 @@
 /// before anything else of it. `programName` and `libraryVersion` say who asks
 /// and for which release of the library; both are zero-terminated.
 ///
-/// Brings libcurl up, makes a write to a closed connection an error instead of
-/// the end of the process, and switches core dumps off because the process
-/// holds passwords. Failures are ignored: what then does not work says so when
+/// Opens /dev/null in place of closed standard streams, brings libcurl up, makes a write to a
+/// closed connection an error instead of the end of the process, and switches core dumps off
+/// because the process holds passwords. Failures are ignored: what then does not work says so when
 /// it is used.
 void InitSupportLibrary(const char* programName, const char* libraryVersion);
 

@@ -23,6 +23,11 @@ constexpr std::size_t kDescriptionOffset = sizeof(kDescriptionKey);  // key and 
 constexpr int kMaxHeaderLines = 10;
 constexpr std::size_t kCountBytes = 24;
 
+// An answer of bars alone would take a hundred times its own size in memory. No
+// answer comes near these limits.
+constexpr std::size_t kMaxColumns = 1u << 16;
+constexpr std::size_t kMaxValues = 1u << 20;
+
 template <std::size_t Size>
 bool StartsWith(const char* text, const char (&prefix)[Size]) {
   return std::strncmp(text, prefix, Size - 1) == 0;
@@ -68,21 +73,30 @@ std::int32_t LeadingCount(const char* text) {
   return NumberAt(digits);
 }
 
-void ReadDefinitions(char* names, char* types, RecordSet* records) {
+/// Returns 0, or -1 when there are too many columns.
+int ReadDefinitions(char* names, char* types, RecordSet* records) {
   while (names != nullptr && types != nullptr) {
+    if (records->definitions.size() == kMaxColumns) return -1;
     auto definition = std::make_unique<FieldDefinition>();
     definition->name = support::CopyHeapText(CutToken(&names));
     definition->type = *CutToken(&types);
     records->definitions.push_back(std::move(definition));
   }
+  return 0;
 }
 
-void ReadRecords(char* text, RecordSet* records) {
+/// Returns 0, or -1 when there are too many values.
+int ReadRecords(char* text, RecordSet* records) {
+  std::size_t values = 0;
   while (!StartsWith(text, kDone)) {
     char* const line = CutLine(&text);
-    if (line == nullptr) return;
+    if (line == nullptr) return 0;
     records->insert(line);
+    // A record without a value that is kept takes memory as well.
+    values += 1 + records->records.back()->fields.size();
+    if (values > kMaxValues) return -1;
   }
+  return 0;
 }
 
 /// Reads what stands behind the marker of a table.
@@ -96,8 +110,7 @@ int ReadTable(char* text, RecordSet* records) {
   if (names == nullptr) return -1;
   char* const types = CutLine(&rest);
   if (types == nullptr) return -1;
-  ReadDefinitions(names, types, records);
-  ReadRecords(rest, records);
+  if (ReadDefinitions(names, types, records) != 0 || ReadRecords(rest, records) != 0) return -1;
   records->cursor = 0;
   return 0;
 }
