@@ -1,0 +1,11 @@
+<?php
+
+declare(strict_types=1);
+
+namespace Quorvex\Authority;
+
+require __DIR__ . '/../lib/bootstrap.php';
+
+Gateway::channel(
+    StoragePoolActions::TABLE + AgentActions::TABLE + ConfigFileActions::TABLE + DataSelectionActions::TABLE
+);
