@@ -5,6 +5,17 @@
 #include "support/secret.h"
 
 namespace corvel::storage::tzconfig {
+namespace {
+
+/// Sets `*target` to `value` without leaving the old text behind in memory that
+/// the new one outgrows.
+void ReplaceText(const std::string& value, std::string* target) {
+  std::string text(value);
+  text.swap(*target);
+  support::WipeText(&text);
+}
+
+}  // namespace
 
 bool StringCaseCmp::operator()(const std::string& a, const std::string& b) const {
   return strcasecmp(a.c_str(), b.c_str()) < 0;
@@ -43,7 +54,7 @@ std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::str
                                       const std::string& value) {
   std::int32_t result = kSuccess;
   OptionValue* const entry = OptionEntry(section, option, &result);
-  if (entry != nullptr) entry->value = value;
+  if (entry != nullptr) ReplaceText(value, &entry->value);
   return result;
 }
 
@@ -52,7 +63,7 @@ std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::str
   std::int32_t result = kSuccess;
   OptionValue* const entry = OptionEntry(section, option, &result);
   if (entry == nullptr) return result;
-  entry->value = value;
+  ReplaceText(value, &entry->value);
   entry->comment = comment;
   return kSuccess;
 }

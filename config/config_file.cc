@@ -75,7 +75,9 @@ class LineReader {
       std::cerr << "Found an invalid key: " << line << std::endl;
       return kInvalidLine;
     }
-    return StoreOption(Trimmed(line.substr(0, equals)), Trimmed(line.substr(equals + 1)));
+    std::string value = line.substr(equals + 1);
+    const support::ScopedWipe wipeValue(&value);
+    return StoreOption(Trimmed(line.substr(0, equals)), Trimmed(value));
   }
 
   std::int32_t StoreOption(const std::string& key, std::string value) {
@@ -147,6 +149,8 @@ std::int32_t TZConfigFile::LoadConfig(std::istream* stream, TZConfig* config) co
   const support::ScopedWipe wipeLine(&line);
   while (std::getline(*stream, line)) {
     const std::int32_t result = reader.Take(&line);
+    // A longer line would leave this one behind in the memory it outgrows.
+    support::WipeText(&line);
     if (result != kSuccess) return result;
   }
   return stream->eof() ? kSuccess : kStreamFailure;

@@ -11,7 +11,10 @@ boost::program_options::options_description DescribeOptions();
 
 /// Parses a command line (`argv[0]` is the program's name) by `description`
 /// into `*options`. Throws the option library's exceptions, which derive from
-/// std::exception, for anything that is not of it.
+/// std::exception, for unknown or repeated options and for values that are
+/// missing or of the wrong kind. The library's own ways hold: a long name may be
+/// cut short, words that belong to no option are passed over, and a number with
+/// a minus sign wraps around.
 void ParseOptions(int argc, const char* const* argv,
                   const boost::program_options::options_description& description,
                   boost::program_options::variables_map* options);
