@@ -20,7 +20,8 @@ class FakeTransfer : public tzregister::HttpTransfer {
       tzregister::WebService::data_callback(part.data(), 1, part.size(), buffer_);
     }
     *running = answer_.endless || next_ < answer_.parts.size() ? 1 : 0;
-    return answer_.performResult;
+    const std::size_t pass = pass_++;
+    return pass < answer_.firstResults.size() ? answer_.firstResults[pass] : answer_.performResult;
   }
 
   tzregister::HttpOutcome Finish() override {
@@ -33,6 +34,7 @@ class FakeTransfer : public tzregister::HttpTransfer {
  private:
   ScriptedAnswer answer_;
   std::size_t next_ = 0;
+  std::size_t pass_ = 0;
   std::vector<std::string>* calls_;
   tzregister::WebServiceBuffer* buffer_;
 };

@@ -32,6 +32,7 @@ struct ScriptedAnswer {
   bool endless = false;            ///< the transfer never completes
   int performResult = 0;           ///< libcurl's multi code of every pass
   tzregister::HttpOutcome outcome;
+  std::vector<int> firstResults = {};  ///< codes of the first passes, before performResult
 };
 
 /// One request as the transport was asked for it.
