@@ -1,19 +1,14 @@
 #include "frontend/actions.h"
 
 #include <cstdint>
-#include <iostream>
 
+#include "frontend/refusal.h"
 #include "frontend/register_exception.h"
 #include "registration/config_retrieval.h"
 #include "support/secret.h"
 
 namespace corvel::storage::tzregister {
 namespace {
-
-int Refuse(const char* message) {
-  std::cerr << message << std::endl;
-  return -1;
-}
 
 bool WritesFiles(const ParsedOptions& options) {
   return options.Has("todisk") || options.Has("file");

@@ -8,6 +8,7 @@
 #include "frontend/actions.h"
 #include "frontend/options.h"
 #include "frontend/parsed_options.h"
+#include "frontend/refusal.h"
 #include "frontend/string_check.h"
 #include "registration/registrator.h"
 #include "support/library.h"
@@ -22,11 +23,6 @@ constexpr char kLibraryVersion[] = "6.0.0.0";
 constexpr char kTypelessAction[] = "discover";
 
 void InitLib(const char* programName) { InitSupportLibrary(programName, kLibraryVersion); }
-
-int Refuse(const char* message) {
-  std::cerr << message << std::endl;
-  return -1;
-}
 
 /// Builds the workers, checks action and type, and performs the action.
 int RunAction(const std::string& action, const ParsedOptions& options, const Platform& platform) {

@@ -1,16 +1,13 @@
 #include "config/config_file.h"
 #include "frontend/register_exception.h"
-#include "registration/key_file.h"
 #include "registration/registrator.h"
+#include "registration/system_account.h"
 #include "support/file_system.h"
 #include "support/password.h"
 #include "support/secret.h"
 
 namespace corvel::storage::tzregister {
 namespace {
-
-/// The login whose stored password is a mask, not an encrypted text.
-constexpr char kMaskedLogin[] = "TWLX_AGENT";
 
 [[noreturn]] void Throw(const std::string& description) {
   throw RegisterException(ERR_INVALID_ARGUMENT, SEVERITY_CRITICAL, "Registrator", description);

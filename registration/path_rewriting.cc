@@ -4,8 +4,8 @@
 
 #include "config/config_file.h"
 #include "frontend/register_exception.h"
-#include "registration/key_file.h"
 #include "registration/registrator.h"
+#include "registration/system_account.h"
 #include "support/password.h"
 #include "support/secret.h"
 
@@ -13,7 +13,6 @@ namespace corvel::storage::tzregister {
 namespace {
 
 constexpr char kAccountSection[] = "systemaccount";
-constexpr char kMaskedLogin[] = "TWLX_AGENT";
 constexpr char kMaskedPassword[] = "**********";
 
 // Values of --agentType that decide about the system account.
