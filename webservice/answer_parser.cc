@@ -25,8 +25,8 @@ constexpr std::size_t kCountBytes = 24;
 
 // An answer of bars alone would take a hundred times its own size in memory. No
 // answer comes near these limits.
-constexpr std::size_t kMaxColumns = 1u << 16;
-constexpr std::size_t kMaxValues = 1u << 20;
+constexpr std::size_t kMaxColumns = 1u << 20;
+constexpr std::size_t kMaxValues = 1u << 23;
 
 template <std::size_t Size>
 bool StartsWith(const char* text, const char (&prefix)[Size]) {

@@ -11,7 +11,7 @@ namespace corvel::storage::tzregister {
 ///
 /// Returns 0 for a table of records (also an empty one) and for an error block,
 /// which is then in `records->error`; -1 for anything else, also for more than
-/// 65,536 columns or about a million values. After -1 the set may
+/// 1,048,576 columns or 8,388,608 records and values. After -1 the set may
 /// hold columns and records read so far, but never an error block. Throws
 /// nothing but std::bad_alloc.
 int ParseAnswer(char* text, RecordSet* records);
