@@ -1,0 +1,194 @@
+"""A made-up machine to run the tool on.
+
+The tool reads "/etc/qxregistry.cfg", writes below "/etc/quorvex" and looks for
+"/usr/zenta". A `Host` gives every case its own copies of these in a mount
+namespace whose root is built from nothing, so the real machine is neither seen
+nor changed. The network is the real one: servers on loopback are reachable.
+"""
+
+from __future__ import annotations
+
+import os
+import subprocess
+from dataclasses import dataclass
+from pathlib import Path
+from typing import IO, Mapping, Optional, Sequence
+
+DEFAULT_PROGRAM = "/opt/quorvex/bin/tzregister"
+DEFAULT_TIME_LIMIT_SECONDS = 90.0
+EXIT_FAILURE = 255
+
+# What the tool and its libraries need of the real /etc.
+_SHARED_ETC = ("passwd", "group", "ca-certificates", "localtime", "ld.so.cache", "ld.so.conf", "ld.so.conf.d")
+
+# Where instrumented builds write and how they behave is decided outside.
+_PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "LLVM_PROFILE_FILE", "GCOV_PREFIX", "GCOV_PREFIX_STRIP")
+
+_HOSTS = "127.0.0.1 localhost\n"
+_NAME_SERVICE = "passwd: files\ngroup: files\nhosts: files\n"
+
+
+@dataclass(frozen=True)
+class Result:
+    """What one run of the tool left behind on its streams."""
+
+    status: int
+    stdout: bytes
+    stderr: bytes
+
+
+def binary() -> Path:
+    """The program under test, named by TZREGISTER_BINARY."""
+    return Path(os.environ["TZREGISTER_BINARY"]).resolve()
+
+
+def _system_directories() -> list[str]:
+    """The real machine's programs and libraries, read-only.
+
+    The entries of /usr are bound one by one, so that "/usr/zenta" can be added
+    beside them without a mount point appearing on the real machine.
+    """
+    options: list[str] = []
+    for entry in sorted(Path("/usr").iterdir()):
+        if entry.name != "zenta":
+            options += ["--ro-bind", str(entry), str(entry)]
+    for top in ("/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32"):
+        if os.path.islink(top):
+            options += ["--symlink", os.readlink(top), top]
+        elif os.path.isdir(top):
+            options += ["--ro-bind", top, top]
+    return options
+
+
+class Host:
+    """One machine, its files in a directory of the case's own.
+
+    `work` is seen by the tool under the same path and is its current
+    directory; `etc_quorvex` is its "/etc/quorvex". `program` is the path under
+    which the tool sees itself.
+    """
+
+    def __init__(self, directory: Path, program: str = DEFAULT_PROGRAM) -> None:
+        self.program = program
+        self.environment: dict[str, str] = {}
+        self.small_disks: dict[str, int] = {}
+        self.work = directory / "work"
+        self.etc_quorvex = directory / "etc-quorvex"
+        self._files = directory / "machine"
+        self._registry = self._files / "qxregistry.cfg"
+        self._ssl = Path("/etc/ssl")
+        self._zenta: Optional[Path] = None
+        self._name = ""
+        for made in (self.work, self.etc_quorvex, self._files):
+            made.mkdir(parents=True)
+        (self._files / "hosts").write_text(_HOSTS)
+        (self._files / "nsswitch.conf").write_text(_NAME_SERVICE)
+
+    def install_registry(self, text: bytes) -> None:
+        """Gives the machine a "/etc/qxregistry.cfg" with this text."""
+        self._registry.write_bytes(text)
+
+    def register_component(self, section: str, config_file: str, path: str) -> None:
+        """Adds one component to the machine's registry."""
+        entry = f"[{section}]\nconfigfilepath={config_file}\npath={path}\n".encode()
+        before = self._registry.read_bytes() if self._registry.exists() else b""
+        self.install_registry(before + entry)
+
+    def make_registry_a_directory(self) -> None:
+        """Puts a directory where the registry file belongs."""
+        self._registry.mkdir()
+
+    def lock_registry(self) -> None:
+        """Leaves the registry file in place but readable for nobody."""
+        self._registry.chmod(0)
+
+    def install_default_product(self) -> None:
+        """Gives the machine the default installation "/usr/zenta/vrmo/qxag"."""
+        self._zenta = self._files / "zenta"
+        (self._zenta / "vrmo" / "qxag").mkdir(parents=True)
+
+    def install_ssl_directory(self, directory: Path) -> None:
+        """Replaces the machine's "/etc/ssl" (trusted authorities, OpenSSL's settings)."""
+        self._ssl = directory
+
+    def set_name(self, name: str) -> None:
+        """Gives the machine a host name of its own."""
+        self._name = name
+
+    def add_small_disk(self, mount_point: str, size_bytes: int) -> None:
+        """Mounts a disk of this size; it vanishes with the run."""
+        self.small_disks[mount_point] = size_bytes
+
+    def run(
+        self,
+        *arguments: str,
+        environment: Optional[Mapping[str, str]] = None,
+        time_limit: float = DEFAULT_TIME_LIMIT_SECONDS,
+        umask: int = 0o022,
+        stdout: Optional[IO[bytes]] = None,
+        shell: Optional[str] = None,
+    ) -> Result:
+        """Runs the tool with these arguments and waits for its end.
+
+        With `shell` the script is run instead, the tool and its arguments
+        being its "$@": for runs that need a preparation, another standard
+        output or a look at a disk that vanishes.
+        """
+        command = [self.program, *arguments]
+        if shell is not None:
+            command = ["/bin/sh", "-c", shell, "sh", *command]
+        done = subprocess.run(
+            [*self._bubblewrap(environment or {}), *command],
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE if stdout is None else stdout,
+            stderr=subprocess.PIPE,
+            timeout=time_limit,
+            umask=umask,
+            check=False,
+        )
+        return Result(done.returncode, done.stdout or b"", done.stderr)
+
+    def _bubblewrap(self, environment: Mapping[str, str]) -> list[str]:
+        """The whole bwrap command line up to the program.
+
+        No capability is kept, so permissions hold for root as for anyone else.
+        """
+        options = ["bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--unshare-uts"]
+        options += ["--cap-drop", "ALL", "--hostname", self._name or "agent-host"]
+        options += [*_system_directories(), "--proc", "/proc", "--dev", "/dev", "--dir", "/tmp"]
+        options += self._etc()
+        options += ["--ro-bind", str(binary()), self.program]
+        for path in (self.work, *_writable_outside()):
+            options += ["--bind", str(path), str(path)]
+        for mount_point, size in self.small_disks.items():
+            options += ["--size", str(size), "--tmpfs", mount_point]
+        options += ["--chdir", str(self.work), "--clearenv"]
+        for name, value in self._environment(environment).items():
+            options += ["--setenv", name, value]
+        return [*options, "--"]
+
+    def _etc(self) -> list[str]:
+        """The options that make the machine's /etc and "/usr/zenta"."""
+        options: list[str] = []
+        for name in _SHARED_ETC:
+            options += ["--ro-bind-try", f"/etc/{name}", f"/etc/{name}"]
+        for name in ("hosts", "nsswitch.conf"):
+            options += ["--ro-bind", str(self._files / name), f"/etc/{name}"]
+        options += ["--ro-bind", str(self._ssl), "/etc/ssl"]
+        options += ["--bind", str(self.etc_quorvex), "/etc/quorvex"]
+        if self._registry.exists():
+            options += ["--ro-bind", str(self._registry), "/etc/qxregistry.cfg"]
+        if self._zenta is not None:
+            options += ["--ro-bind", str(self._zenta), "/usr/zenta"]
+        return options
+
+    def _environment(self, more: Mapping[str, str]) -> dict[str, str]:
+        """The run's whole environment."""
+        passed_on = {name: os.environ[name] for name in _PASSED_ON if name in os.environ}
+        return {"PATH": "/usr/bin:/bin", "LANG": "C.UTF-8", **passed_on, **self.environment, **more}
+
+
+def _writable_outside() -> Sequence[Path]:
+    """Directories of instrumented builds that runs write to."""
+    listed = os.environ.get("TZREGISTER_SANDBOX_WRITABLE", "")
+    return [Path(entry) for entry in listed.split(":") if entry]
