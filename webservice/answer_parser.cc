@@ -23,11 +23,6 @@ constexpr std::size_t kDescriptionOffset = sizeof(kDescriptionKey);  // key and 
 constexpr int kMaxHeaderLines = 10;
 constexpr std::size_t kCountBytes = 24;
 
-// An answer of bars alone would take a hundred times its own size in memory. No
-// answer comes near these limits.
-constexpr std::size_t kMaxColumns = 1u << 20;
-constexpr std::size_t kMaxValues = 1u << 23;
-
 template <std::size_t Size>
 bool StartsWith(const char* text, const char (&prefix)[Size]) {
   return std::strncmp(text, prefix, Size - 1) == 0;
@@ -74,9 +69,9 @@ std::int32_t LeadingCount(const char* text) {
 }
 
 /// Returns 0, or -1 when there are too many columns.
-int ReadDefinitions(char* names, char* types, RecordSet* records) {
+int ReadDefinitions(char* names, char* types, const AnswerLimits& limits, RecordSet* records) {
   while (names != nullptr && types != nullptr) {
-    if (records->definitions.size() == kMaxColumns) return -1;
+    if (records->definitions.size() == limits.columns) return -1;
     auto definition = std::make_unique<FieldDefinition>();
     definition->name = support::CopyHeapText(CutToken(&names));
     definition->type = *CutToken(&types);
@@ -86,7 +81,7 @@ int ReadDefinitions(char* names, char* types, RecordSet* records) {
 }
 
 /// Returns 0, or -1 when there are too many values.
-int ReadRecords(char* text, RecordSet* records) {
+int ReadRecords(char* text, const AnswerLimits& limits, RecordSet* records) {
   std::size_t values = 0;
   while (!StartsWith(text, kDone)) {
     char* const line = CutLine(&text);
@@ -94,13 +89,13 @@ int ReadRecords(char* text, RecordSet* records) {
     records->insert(line);
     // A record without a value that is kept takes memory as well.
     values += 1 + records->records.back()->fields.size();
-    if (values > kMaxValues) return -1;
+    if (values > limits.values) return -1;
   }
   return 0;
 }
 
 /// Reads what stands behind the marker of a table.
-int ReadTable(char* text, RecordSet* records) {
+int ReadTable(char* text, const AnswerLimits& limits, RecordSet* records) {
   char* const markerEnd = FindLineBreak(text);
   if (markerEnd == nullptr) return -1;
   char* rest = markerEnd + 1;
@@ -110,7 +105,8 @@ int ReadTable(char* text, RecordSet* records) {
   if (names == nullptr) return -1;
   char* const types = CutLine(&rest);
   if (types == nullptr) return -1;
-  if (ReadDefinitions(names, types, records) != 0 || ReadRecords(rest, records) != 0) return -1;
+  if (ReadDefinitions(names, types, limits, records) != 0) return -1;
+  if (ReadRecords(rest, limits, records) != 0) return -1;
   records->cursor = 0;
   return 0;
 }
@@ -161,11 +157,11 @@ int ReadError(char* text, RecordSet* records) {
 
 }  // namespace
 
-int ParseAnswer(char* text, RecordSet* records) {
+int ParseAnswer(char* text, RecordSet* records, const AnswerLimits& limits) {
   char* const marker = std::strstr(text, kMarker);
   if (marker == nullptr) return -1;
   if (StartsWith(marker, kBegin) || StartsWith(marker, kStart)) {
-    return ReadTable(marker + kMarkerLength, records);
+    return ReadTable(marker + kMarkerLength, limits, records);
   }
   if (StartsWith(marker, kError)) return ReadError(marker + kMarkerLength, records);
   return -1;
