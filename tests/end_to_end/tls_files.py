@@ -105,7 +105,7 @@ class CertificateAuthority:
         ca: bool = False,
     ) -> x509.Certificate:
         """A certificate signed by this authority, valid around now."""
-        now = datetime.datetime.utcnow()
+        now = datetime.datetime.now(datetime.timezone.utc)
         builder = (
             x509.CertificateBuilder()
             .subject_name(subject)

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/webservice/heap_watch.h"
+#include "tests/testing/heap_watch.h"
 
 namespace corvel::storage::tzregister {
 namespace {

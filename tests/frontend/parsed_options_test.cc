@@ -8,7 +8,7 @@
 #include <string>
 
 #include "tests/testing/command_line.h"
-#include "tests/webservice/heap_watch.h"
+#include "tests/testing/heap_watch.h"
 
 namespace corvel::storage::tzregister {
 namespace {
