@@ -2,6 +2,7 @@
 
 #include <openssl/rsa.h>
 
+#include <ctime>
 #include <vector>
 
 #include "support/environment.h"
@@ -42,6 +43,13 @@ EvpPkeyPtr GenerateKey() {
   return EvpPkeyPtr(key);
 }
 
+/// Both ends are reckoned from one reading of the clock, so that the validity
+/// does not grow by a second that begins in between.
+void SetValidity(X509* certificate, std::time_t now) {
+  X509_time_adj(X509_getm_notBefore(certificate), 0, &now);
+  X509_time_adj(X509_getm_notAfter(certificate), kValiditySeconds, &now);
+}
+
 void SetNames(X509* certificate) {
   X509_NAME* const name = X509_get_subject_name(certificate);
   for (const NameEntry& entry : kSubject) {
@@ -59,8 +67,7 @@ void AddExtension(X509* certificate, int nid, const std::string& value) {
 void FillCertificate(X509* certificate, EVP_PKEY* key) {
   X509_set_version(certificate, kVersion);
   ASN1_INTEGER_set(X509_get_serialNumber(certificate), kSerialNumber);
-  X509_gmtime_adj(X509_getm_notBefore(certificate), 0);
-  X509_gmtime_adj(X509_getm_notAfter(certificate), kValiditySeconds);
+  SetValidity(certificate, std::time(nullptr));
   X509_set_pubkey(certificate, key);
   SetNames(certificate);
   AddExtension(certificate, NID_netscape_cert_type, "server");

@@ -46,8 +46,7 @@ support::FilePtr OpenOrThrow(const std::string& path, support::FilePrivacy priva
 }
 
 /// Writes both files as far as each can be, and throws when anything failed.
-/// The
-/// library wipes the memory that the key passes through.
+/// The library wipes the memory that the key passes through.
 void WritePair(const OpenSSLCertificate& pair, support::FilePtr certFile,
                support::FilePtr keyFile) {
   const support::BioPtr memory(BIO_new(BIO_s_mem()));

@@ -1,0 +1,213 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "support/password.h"
+#include "tests/frontend/authority_answers.h"
+#include "tests/registration/scripted_registrator.h"
+#include "tests/testing/outcome.h"
+#include "tests/testing/temp_directory.h"
+
+namespace corvel::storage::tzregister {
+namespace {
+
+using namespace storage::testing;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+
+using Words = std::vector<std::string>;
+
+constexpr char kMissingAgentId[] =
+    "17/5 Registrator: agentid is missing, it is required for GetRoutingTables.";
+
+/// An installed agent: a key directory without a key file, and its account.
+class GetRoutingTablesTest : public ::testing::Test {
+ protected:
+  GetRoutingTablesTest()
+      : file(directory.Write("agent.cfg", CredentialFile("http://agent", directory.path()))) {}
+
+  Outcome Get(ScriptedRegistrator* host, const std::string& recommended, const std::string& current,
+              std::int64_t pool = 2) const {
+    host->registrator.SetConfigFile(file);
+    host->network.http.Answer(RoutingTablesAnswer("better\\n", "present"));
+    return OutcomeOf([&] { host->registrator.GetRoutingTables(pool, recommended, current); });
+  }
+
+  Outcome Get(const std::string& recommended, const std::string& current) const {
+    ScriptedRegistrator host(Words{"--agentid", "9"});
+    return Get(&host, recommended, current);
+  }
+
+  TempDirectory directory;
+  std::string file;
+};
+
+void ExpectQuiet(const Outcome& outcome) {
+  EXPECT_EQ(outcome.failure, "");
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(GetRoutingTablesTest, AsksWithTheStoredAccountForThePool) {
+  ScriptedRegistrator host(Words{"--agentid", "9"});
+  EXPECT_EQ(Get(&host, "", "", std::numeric_limits<std::int64_t>::min()).failure, "");
+  ASSERT_EQ(host.requests().size(), 1U);
+  EXPECT_EQ(host.requests()[0].url, "http://agent/ws_agent.php");
+  EXPECT_THAT(
+      host.requests()[0].form,
+      ElementsAre(Pair("action", "getRoutingTables"), Pair("id", "9"),
+                  Pair("keydir", directory.path()), Pair("login", "stored"),
+                  Pair("passwd", "storedpw"), Pair("storagepoolId", "-9223372036854775808")));
+}
+
+TEST_F(GetRoutingTablesTest, AsksWithThePlainPassword) {
+  const std::string key = directory.Write("auth.key", "key material");
+  char sealed[512];
+  ASSERT_EQ(EncryptPasswdWithKey(key.c_str(), "plainpw", sealed, sizeof(sealed)), 0);
+  file = directory.Write("agent.cfg",
+                         "[spa]\nurl=u\n[systemaccount]\nlogin=l\npasswd=" + std::string(sealed) +
+                             "\n[paths]\nkeydir=" + directory.path() + "\n");
+  ScriptedRegistrator host(Words{"--agentid", "9"});
+  EXPECT_EQ(Get(&host, "", "").failure, "");
+  EXPECT_EQ(FormValue(host.requests().at(0), "passwd"), "plainpw");
+}
+
+TEST_F(GetRoutingTablesTest, FailsWithoutAnAgentIdBeforeItReadsTheCredentialFile) {
+  file = directory.File("missing.cfg");
+  ScriptedRegistrator host(Words{});
+  const Outcome outcome = Get(&host, "", "");
+  EXPECT_EQ(outcome.failure, kMissingAgentId);
+  EXPECT_EQ(outcome.out + outcome.err, "");
+  EXPECT_THAT(host.requests(), IsEmpty());
+}
+
+TEST_F(GetRoutingTablesTest, FailsInTheSameWordsWithoutACredentialFile) {
+  file = "";
+  ScriptedRegistrator host(Words{"--agentid", "9"});
+  const Outcome outcome = Get(&host, "", "");
+  EXPECT_EQ(outcome.failure, kMissingAgentId);
+  EXPECT_EQ(outcome.out + outcome.err, "");
+  EXPECT_THAT(host.requests(), IsEmpty());
+}
+
+TEST_F(GetRoutingTablesTest, NeedsTheAgentIdOptionWhateverItsValue) {
+  ScriptedRegistrator host(Words{"--agentid", "0"});
+  EXPECT_EQ(Get(&host, "", "").failure, "");
+  EXPECT_EQ(FormValue(host.requests().at(0), "id"), "(none)");
+}
+
+TEST_F(GetRoutingTablesTest, PassesFailuresOfTheCredentialFileOn) {
+  file = directory.Write("agent.cfg", "[spa]\nurl=u\n");
+  ScriptedRegistrator host(Words{"--agentid", "9"});
+  EXPECT_EQ(Get(&host, "", "").failure, "16/7 Registrator: Failed to load login from file\n");
+  EXPECT_THAT(host.requests(), IsEmpty());
+}
+
+TEST_F(GetRoutingTablesTest, PrintsBothTablesUnlessBothFilesAreNamed) {
+  const std::string named = directory.File("named");
+  for (const bool first : {true, false}) {
+    const Outcome outcome = Get(first ? named : "", first ? "" : named);
+    EXPECT_EQ(outcome.failure, "");
+    EXPECT_EQ(outcome.out, "better\npresent");
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_FALSE(Exists(named));
+  }
+  EXPECT_EQ(Get("", "").out, "better\npresent");
+}
+
+TEST_F(GetRoutingTablesTest, WritesEachTableToItsFile) {
+  const std::string first = directory.File("first");
+  const std::string second = directory.File("second");
+  ExpectQuiet(Get(first, second));
+  EXPECT_EQ(ReadFile(first), "better\n");
+  EXPECT_EQ(ReadFile(second), "present");
+}
+
+TEST_F(GetRoutingTablesTest, CreatesFilesAsTheUmaskSays) {
+  const std::string first = directory.File("first");
+  const std::string second = directory.File("second");
+  const mode_t before = umask(0027);
+  ExpectQuiet(Get(first, second));
+  umask(before);
+  EXPECT_EQ(FileMode(first), 0640U);
+  EXPECT_EQ(FileMode(second), 0640U);
+}
+
+TEST_F(GetRoutingTablesTest, OverwritesBothFilesAndKeepsTheirModes) {
+  const std::string first = directory.Write("first", std::string(100, 'x'));
+  const std::string second = directory.Write("second", std::string(100, 'y'));
+  ASSERT_EQ(chmod(first.c_str(), 0604), 0);
+  ASSERT_EQ(chmod(second.c_str(), 0640), 0);
+  for (int run = 0; run < 2; ++run) {
+    ExpectQuiet(Get(first, second));
+    EXPECT_EQ(ReadFile(first), "better\n");
+    EXPECT_EQ(ReadFile(second), "present");
+  }
+  EXPECT_EQ(FileMode(first), 0604U);
+  EXPECT_EQ(FileMode(second), 0640U);
+}
+
+TEST_F(GetRoutingTablesTest, ReportsTheFirstFileThatCannotBeOpenedButEmptiesTheSecond) {
+  const std::string second = directory.Write("second", "old");
+  for (const std::string& bad : {directory.path(), directory.File("missing/first")}) {
+    SCOPED_TRACE(bad);
+    const Outcome outcome = Get(bad, second);
+    EXPECT_EQ(outcome.failure, "14/5 Registrator: Failed to write file: " + bad + "\n");
+    EXPECT_EQ(outcome.out + outcome.err, "");
+    EXPECT_EQ(ReadFile(second), "");
+  }
+}
+
+TEST_F(GetRoutingTablesTest, LeavesTheFirstFileEmptyWhenTheSecondCannotBeOpened) {
+  const std::string first = directory.File("first");
+  for (const std::string& bad : {directory.path(), directory.File("missing/second")}) {
+    SCOPED_TRACE(bad);
+    EXPECT_EQ(Get(first, bad).failure, "14/5 Registrator: Failed to write file: " + bad + "\n");
+    EXPECT_EQ(ReadFile(first), "");
+  }
+}
+
+TEST_F(GetRoutingTablesTest, ReportsTheFirstFileWhenNeitherCanBeOpened) {
+  const std::string first = directory.File("missing/first");
+  EXPECT_EQ(Get(first, directory.File("missing/second")).failure,
+            "14/5 Registrator: Failed to write file: " + first + "\n");
+}
+
+TEST_F(GetRoutingTablesTest, DoesNotExamineWhatTheDiskMakesOfTheTables) {
+  const std::string other = directory.File("other");
+  ExpectQuiet(Get("/dev/full", other));
+  EXPECT_EQ(ReadFile(other), "present");
+  ExpectQuiet(Get(other, "/dev/full"));
+  EXPECT_EQ(ReadFile(other), "better\n");
+}
+
+TEST_F(GetRoutingTablesTest, TouchesNoFileWhenTheAnswerIsNoTable) {
+  const std::string first = directory.Write("first", "old");
+  const std::string second = directory.File("second");
+  for (const std::string& answer :
+       {std::string("no table"), OneRecord("cr_recommendedrt", "S", "better")}) {
+    ScriptedRegistrator host(Words{"--agentid", "9"});
+    host.network.http.Answer(answer);
+    EXPECT_NE(Get(&host, first, second).failure, "");
+    EXPECT_EQ(ReadFile(first), "old");
+    EXPECT_FALSE(Exists(second));
+  }
+}
+
+TEST_F(GetRoutingTablesTest, PassesFailuresOfTheRequestOn) {
+  ScriptedRegistrator host(Words{"--agentid", "9"});
+  host.network.http.Answer("no table");
+  const Outcome outcome = Get(&host, "", "");
+  EXPECT_EQ(outcome.failure, kCallFailed);
+  EXPECT_EQ(outcome.out, "");
+}
+
+}  // namespace
+}  // namespace corvel::storage::tzregister
