@@ -27,7 +27,8 @@ if(TZREGISTER_HARDENING)
   # Fortified functions need optimisation; distributions may have set a level.
   target_compile_options(tzregister_settings INTERFACE
     $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
-    $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=3>)
+    $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=3>
+    -D_GLIBCXX_ASSERTIONS)
   target_link_options(tzregister_settings INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 endif()
 
