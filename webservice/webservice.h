@@ -11,8 +11,8 @@
 namespace corvel::storage::tzregister {
 
 /// One request to a page of the Storage Pool Authority and the text of its
-/// answer: add fields, get, parse, destroy. Everything in it is wiped when it
-/// goes. For use by one thread.
+/// answer: add fields, get, parse, destroy. The fields' values and the answer are
+/// wiped when it goes. For use by one thread.
 class WebService {
  public:
   /// `network` says through what the request goes; what it points to must

@@ -24,7 +24,10 @@ bool Refuse(const char* message) {
 /// Stores what follows the first "passwd=" of the first line that holds one;
 /// false, after a line on standard error, when there is nothing to be had.
 bool getSpaPasswdFromFile(const std::string& path, std::string& passwd) {
-  std::ifstream file(path);
+  std::ifstream file;
+  // A stream's own buffer would keep the password after the file is closed.
+  file.rdbuf()->pubsetbuf(nullptr, 0);
+  file.open(path);
   if (!file) return Refuse("Failed to open SPA passwd file.");
   std::string line;
   const support::ScopedWipe wipeLine(&line);

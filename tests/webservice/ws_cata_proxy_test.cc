@@ -1,0 +1,412 @@
+#include "webservice/ws_cata_proxy.h"
+
+#include <curl/curl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/cleanse_watch.h"
+#include "tests/testing/command_line.h"
+#include "tests/testing/fake_network.h"
+#include "tests/testing/outcome.h"
+#include "tests/testing/temp_directory.h"
+
+namespace corvel::storage::tzregister {
+namespace {
+
+using storage::testing::CleanseWatch;
+using storage::testing::FakeNetwork;
+using storage::testing::Options;
+using storage::testing::Outcome;
+using storage::testing::OutcomeOf;
+using storage::testing::TempDirectory;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::Key;
+using ::testing::Not;
+using ::testing::Pair;
+
+constexpr char kMissing[] =
+    "16/7 WSCataProxy: Required parameter url or login or passwd not present, or missing ws";
+constexpr char kBadFile[] = "16/7 WSCataProxy: Required parameter passwdfile not valid";
+constexpr char kCallFailed[] = "6/7 WSCataProxy: WebService call failed";
+
+/// A proxy over `arguments`, and a request that it is to set up.
+struct Preparation {
+  explicit Preparation(const std::vector<std::string>& arguments) : proxy(Options(arguments)) {}
+
+  Outcome Prepare() {
+    return OutcomeOf([&] { proxy.PPrepareWebService(&ws, "ws_page.php"); });
+  }
+
+  Outcome PrepareAgent() {
+    return OutcomeOf([&] { proxy.PPrepareAgentWebService(&ws, "act", 99); });
+  }
+
+  WSCataProxy proxy;
+  WebService ws;
+};
+
+void ExpectSuccess(const Outcome& outcome) {
+  EXPECT_EQ(outcome.failure, "");
+  EXPECT_EQ(outcome.out + outcome.err, "");
+}
+
+void ExpectFailure(const Outcome& outcome, const std::string& failure, const std::string& err) {
+  EXPECT_EQ(outcome.failure, failure);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, err);
+}
+
+/// How many of the wiped blocks began with `text`.
+std::ptrdiff_t TimesWiped(const CleanseWatch& watch, const std::string& text) {
+  return std::count_if(watch.blocks().begin(), watch.blocks().end(),
+                       [&](const std::string& block) { return block.rfind(text, 0) == 0; });
+}
+
+TEST(PPrepareWebService, TakesAddressAndCredentialsFromTheOptions) {
+  Preparation call({"--url", "https://spa:8443/base", "--login", "joe", "--passwd", "pw"});
+  ExpectSuccess(call.Prepare());
+  EXPECT_EQ(call.ws.url, "https://spa:8443/base/ws_page.php");
+  EXPECT_THAT(call.ws.fields, ElementsAre(Pair("login", "joe"), Pair("passwd", "pw")));
+}
+
+TEST(PPrepareWebService, AddsTheKeyDirectoryOption) {
+  Preparation call({"--url", "http://s", "--login", "joe", "--passwd", "pw", "--keydir", "/k"});
+  ExpectSuccess(call.Prepare());
+  EXPECT_THAT(call.ws.fields,
+              ElementsAre(Pair("keydir", "/k"), Pair("login", "joe"), Pair("passwd", "pw")));
+}
+
+TEST(PPrepareWebService, AppendsThePageUnlessTheAddressIsTheChannels) {
+  const std::map<std::string, std::string> addresses = {{"http://s", "http://s/ws_page.php"},
+                                                        {"http://s/", "http://s//ws_page.php"},
+                                                        {"s", "s/ws_page.php"},
+                                                        {"vrmo://h:1/p", "vrmo://h:1/p"},
+                                                        {"vrmo", "vrmo"},
+                                                        {"vrmox", "vrmox"},
+                                                        {"vrm", "vrm/ws_page.php"},
+                                                        {"VRMO://h", "VRMO://h/ws_page.php"},
+                                                        {"x vrmo://h", "x vrmo://h/ws_page.php"}};
+  for (const auto& [address, url] : addresses) {
+    SCOPED_TRACE(address);
+    Preparation call({"--url", address, "--login", "joe", "--passwd", "pw"});
+    ExpectSuccess(call.Prepare());
+    EXPECT_EQ(call.ws.url, url);
+    Preparation stored({});
+    stored.proxy.StoreCredentials(address, "l", "p", "k");
+    ExpectSuccess(stored.Prepare());
+    EXPECT_EQ(stored.ws.url, url);
+  }
+}
+
+TEST(PPrepareWebService, RefusesAMissingRequestBeforeItReadsAnything) {
+  const WSCataProxy proxy(Options({"--passwdfile", "/nonexistent/passwd"}));
+  ExpectFailure(OutcomeOf([&] { proxy.PPrepareWebService(nullptr, "ws_page.php"); }),
+                "16/7 WSCataProxy: missing ws", "");
+}
+
+TEST(PPrepareWebService, RefusesMissingOptions) {
+  const TempDirectory directory;
+  const std::string file = directory.Write("passwd", "passwd=pw\n");
+  const std::vector<std::vector<std::string>> cases = {{},
+                                                       {"--url", "http://s"},
+                                                       {"--login", "joe", "--passwd", "pw"},
+                                                       {"--url", "http://s", "--passwd", "pw"},
+                                                       {"--url", "http://s", "--passwdfile", file},
+                                                       {"--url", "http://s", "--login", "joe"},
+                                                       {"--login", "joe", "--passwdfile", file}};
+  for (const auto& arguments : cases) {
+    SCOPED_TRACE(::testing::PrintToString(arguments));
+    Preparation call(arguments);
+    ExpectFailure(call.Prepare(), kMissing, "");
+  }
+}
+
+/// The password that a password file of `content` gives.
+std::string PasswordOf(const std::string& content) {
+  const TempDirectory directory;
+  Preparation call(
+      {"--url", "http://s", "--login", "joe", "--passwdfile", directory.Write("passwd", content)});
+  ExpectSuccess(call.Prepare());
+  return call.ws.fields["passwd"];
+}
+
+TEST(PasswordFile, GivesWhatFollowsTheFirstMarkOfTheFirstLineWithOne) {
+  const std::map<std::string, std::string> files = {
+      {"passwd=abc\n", "abc"},
+      {"passwd=abc", "abc"},
+      {"# account\npasswd=abc\n", "abc"},
+      {"xpasswd=abc\n", "abc"},
+      {"passwd= a b \t\n", " a b \t"},
+      {"passwd=abc\r\n", "abc\r"},
+      {"passwd=apasswd=b\n", "apasswd=b"},
+      {"passwd=a\npasswd=b\n", "a"},
+      {"passwd\npasswd =no\nPASSWD=no\npasswd==\n", "="},
+  };
+  for (const auto& [content, password] : files) {
+    SCOPED_TRACE(content);
+    EXPECT_EQ(PasswordOf(content), password);
+  }
+}
+
+TEST(PasswordFile, IsRefusedWhenItHoldsNoPassword) {
+  const TempDirectory directory;
+  const struct {
+    std::string path;
+    const char* message;
+  } cases[] = {{directory.File("none"), "Failed to open SPA passwd file.\n"},
+               {"", "Failed to open SPA passwd file.\n"},
+               {directory.Write("empty", ""), "Could not find a SPA passwd from file.\n"},
+               {directory.Write("other", "password=x\npasswd\n"),
+                "Could not find a SPA passwd from file.\n"},
+               {directory.path(), "Could not find a SPA passwd from file.\n"},
+               {directory.Write("bare", "passwd=\npasswd=x\n"), "Empty SPA passwd from file.\n"},
+               {directory.Write("end", "passwd="), "Empty SPA passwd from file.\n"}};
+  for (const auto& one : cases) {
+    SCOPED_TRACE(one.path);
+    Preparation call({"--url", "http://s", "--login", "joe", "--passwdfile", one.path});
+    ExpectFailure(call.Prepare(), kBadFile, one.message);
+  }
+}
+
+TEST(PasswordFile, IsReadBeforeTheOtherOptionsAreMissed) {
+  Preparation call({"--passwdfile", "/nonexistent/passwd"});
+  ExpectFailure(call.Prepare(), kBadFile, "Failed to open SPA passwd file.\n");
+}
+
+TEST(PasswordFile, IsNotReadBesideAPassword) {
+  Preparation call({"--url", "http://s", "--login", "joe", "--passwd", "pw", "--passwdfile",
+                    "/nonexistent/passwd"});
+  ExpectSuccess(call.Prepare());
+  EXPECT_EQ(call.ws.fields["passwd"], "pw");
+}
+
+TEST(PasswordFile, LeavesNoCopyOfThePasswordUnwiped) {
+  const TempDirectory directory;
+  Preparation call({"--url", "http://s", "--login", "joe", "--passwdfile",
+                    directory.Write("passwd", "# mine\nxpasswd=secret of the file\n")});
+  const CleanseWatch watch;
+  ExpectSuccess(call.Prepare());
+  EXPECT_TRUE(watch.Saw("xpasswd=secret of the file"));
+  // The one read from the file, and the one on its way into the request.
+  EXPECT_EQ(TimesWiped(watch, "secret of the file"), 2);
+}
+
+// With stored credentials.
+
+/// The login, password and key directory sent by a proxy that has stored ones.
+std::string StoredAccount(const std::vector<std::string>& arguments) {
+  Preparation call(arguments);
+  call.proxy.StoreCredentials("http://stored", "stored-login", "stored-pw", "/stored");
+  ExpectSuccess(call.Prepare());
+  EXPECT_EQ(call.ws.url, "http://stored/ws_page.php");
+  EXPECT_EQ(call.ws.fields.size(), 3u);
+  return call.ws.fields["login"] + " " + call.ws.fields["passwd"] + " " + call.ws.fields["keydir"];
+}
+
+TEST(StoredCredentials, AreUsedUnlessAnOptionTakesTheirPlace) {
+  const TempDirectory directory;
+  const std::string file = directory.Write("passwd", "passwd=file-pw\n");
+  EXPECT_EQ(StoredAccount({}), "stored-login stored-pw /stored");
+  EXPECT_EQ(StoredAccount({"--login", "joe"}), "joe stored-pw /stored");
+  EXPECT_EQ(StoredAccount({"--passwd", "pw"}), "stored-login pw /stored");
+  EXPECT_EQ(StoredAccount({"--passwdfile", file}), "stored-login file-pw /stored");
+  EXPECT_EQ(StoredAccount({"--passwd", "pw", "--passwdfile", file}), "stored-login pw /stored");
+  EXPECT_EQ(StoredAccount({"--url", "http://option", "--login", "joe", "--passwd", "pw"}),
+            "joe pw /stored");
+}
+
+TEST(StoredCredentials, KeepTheirKeyDirectoryAgainstTheOption) {
+  EXPECT_EQ(StoredAccount({"--keydir", "/option"}), "stored-login stored-pw /stored");
+  Preparation call({"--keydir", "/option"});
+  call.proxy.StoreCredentials("http://stored", "l", "p", "");
+  ExpectSuccess(call.Prepare());
+  EXPECT_THAT(call.ws.fields, Contains(Pair("keydir", "")));
+}
+
+TEST(StoredCredentials, StillRefuseABadPasswordFile) {
+  Preparation call({"--passwdfile", "/nonexistent/passwd"});
+  call.proxy.StoreCredentials("http://stored", "l", "p", "k");
+  ExpectFailure(call.Prepare(), kBadFile, "Failed to open SPA passwd file.\n");
+}
+
+TEST(StoredCredentials, CountAsNoneWithoutAUrl) {
+  Preparation call({"--url", "http://s", "--login", "joe"});
+  call.proxy.StoreCredentials("", "l", "p", "k");
+  ExpectFailure(call.Prepare(), kMissing, "");
+  Preparation whole({"--url", "http://s", "--login", "joe", "--passwd", "pw"});
+  whole.proxy.StoreCredentials("", "l", "p", "k");
+  ExpectSuccess(whole.Prepare());
+  EXPECT_THAT(whole.ws.fields, ElementsAre(Pair("login", "joe"), Pair("passwd", "pw")));
+}
+
+TEST(StoredCredentials, ServeEveryCallAndAreWipedWithTheProxy) {
+  const CleanseWatch watch;
+  {
+    WSCataProxy proxy(Options({}));
+    proxy.StoreCredentials("http://stored", "l", "the stored password", "k");
+    for (int call = 0; call < 2; ++call) {
+      WebService ws;
+      proxy.PPrepareWebService(&ws, "p");
+      EXPECT_EQ(ws.fields["passwd"], "the stored password");
+    }
+  }
+  // Two requests with one copy each on their way into them, and the proxy's own.
+  EXPECT_EQ(TimesWiped(watch, "the stored password"), 5);
+}
+
+// The agent page.
+
+/// The fields of an agent call with option "agentid" set to `agentId`.
+FormFields AgentFields(const std::string& agentId) {
+  Preparation call({"--url", "http://s", "--login", "l", "--passwd", "p", "--agentid", agentId});
+  ExpectSuccess(call.PrepareAgent());
+  EXPECT_EQ(call.ws.url, "http://s/ws_agent.php");
+  return call.ws.fields;
+}
+
+TEST(PPrepareAgentWebService, SendsAPositiveAgentId) {
+  for (const std::string id : {"1", "4294967296", "9223372036854775807"}) {
+    EXPECT_THAT(AgentFields(id), ElementsAre(Pair("action", "act"), Pair("id", id),
+                                             Pair("login", "l"), Pair("passwd", "p")));
+  }
+}
+
+TEST(PPrepareAgentWebService, SendsNoAgentIdThatIsNotPositiveWhenTakenAsSigned) {
+  for (const std::string id : {"0", "9223372036854775808", "18446744073709551615"}) {
+    SCOPED_TRACE(id);
+    EXPECT_THAT(AgentFields(id),
+                ElementsAre(Pair("action", "act"), Pair("login", "l"), Pair("passwd", "p")));
+  }
+}
+
+TEST(PPrepareAgentWebService, RefusesAMissingAgentId) {
+  Preparation call({"--url", "http://s", "--login", "l", "--passwd", "p"});
+  ExpectFailure(call.PrepareAgent(), "6/7 WSCataProxy: can't find agentid", "");
+}
+
+TEST(PPrepareAgentWebService, PreparesTheRequestBeforeItLooksForTheAgentId) {
+  Preparation call({"--url", "http://s"});
+  ExpectFailure(call.PrepareAgent(), kMissing, "");
+  ExpectFailure(OutcomeOf([&] { call.proxy.PPrepareAgentWebService(nullptr, "act", 0); }),
+                "16/7 WSCataProxy: missing ws", "");
+}
+
+TEST(PPrepareAgentWebService, AddsTheKeyDirectoryUnlessOneIsStored) {
+  const std::vector<std::string> arguments = {
+      "--agentid", "5", "--keydir", "/k", "--url", "http://s", "--login", "l", "--passwd", "p"};
+  Preparation call(arguments);
+  ExpectSuccess(call.PrepareAgent());
+  EXPECT_THAT(call.ws.fields, Contains(Pair("keydir", "/k")));
+  Preparation stored(arguments);
+  stored.proxy.StoreCredentials("http://stored", "l", "p", "/stored");
+  ExpectSuccess(stored.PrepareAgent());
+  EXPECT_THAT(stored.ws.fields, Contains(Pair("keydir", "/stored")));
+  EXPECT_THAT(AgentFields("5"), Not(Contains(Key("keydir"))));
+}
+
+// The call.
+
+/// A request over fakes, and the set that its answer goes into.
+struct Call {
+  Call() { ws.url = "http://h/p"; }
+
+  Outcome Perform() {
+    return OutcomeOf([&] { WSCataProxy::PCallWebService(&ws, &records); });
+  }
+
+  FakeNetwork fake;
+  WebService ws{fake.network};
+  RecordSet records;
+};
+
+TEST(PCallWebService, ReturnsOnATable) {
+  Call call;
+  call.fake.http.Answer("***BEGIN***\n1\na\nS\nx\n***DONE***\n");
+  ExpectSuccess(call.Perform());
+  EXPECT_EQ(call.records.recordCount, 1);
+}
+
+TEST(PCallWebService, ReturnsOnATableWhateverTheHttpStatus) {
+  Call call;
+  call.fake.http.script.push_back(
+      {true, {"***BEGIN***\n0\na\nS\n"}, false, CURLM_OK, {CURLE_OK, 500}});
+  ExpectSuccess(call.Perform());
+  EXPECT_EQ(call.records.recordCount, 0);
+}
+
+TEST(PCallWebService, RefusesAMissingRequestOrSet) {
+  FakeNetwork fake;
+  WebService ws(fake.network);
+  RecordSet records;
+  for (const auto& [request, set] : {std::pair<WebService*, RecordSet*>{nullptr, &records},
+                                     {&ws, nullptr},
+                                     {nullptr, nullptr}}) {
+    ExpectFailure(
+        OutcomeOf([&request = request, &set = set] { WSCataProxy::PCallWebService(request, set); }),
+        "6/7 WSCataProxy: null ws or res", "null ws or res\n");
+  }
+  EXPECT_TRUE(fake.http.calls.empty());
+}
+
+TEST(PCallWebService, FailsWhenTheTransferDoes) {
+  Call call;
+  call.fake.http.script.push_back(
+      {true, {"***BEGIN***\n0\na\nS\n"}, false, CURLM_OK, {CURLE_COULDNT_CONNECT, 502}});
+  ExpectFailure(call.Perform(), kCallFailed,
+                "Network error during webservice call\nServer's HTTP response code was 0\n");
+  Call nowhere;
+  nowhere.ws.url = "";
+  ExpectFailure(nowhere.Perform(), kCallFailed,
+                "No URL specified\nServer's HTTP response code was 0\n");
+}
+
+TEST(PCallWebService, FailsOnAnAnswerThatCannotBeRead) {
+  for (const char* answer : {"", "<html>", "***BEGIN***\n1\n", "***ERROR***\n5"}) {
+    SCOPED_TRACE(answer);
+    Call call;
+    call.fake.http.Answer(answer);
+    ExpectFailure(call.Perform(), kCallFailed,
+                  "The data returned by the webservice could not be parsed.\n"
+                  "Server's HTTP response code was 0\n");
+  }
+}
+
+TEST(PCallWebService, ShowsTheDescriptionOfAnErrorBlockAlone) {
+  Call call;
+  call.fake.http.Answer(
+      "***ERROR***\n42\nseverity: 3\nserver: s\nsource: x\ndescription: no such "
+      "pool\n***DONE***\n");
+  ExpectFailure(call.Perform(), kCallFailed,
+                "The webservice returned an error :no such pool\n\n"
+                "Server's HTTP response code was 0\n");
+  Call empty;
+  empty.fake.http.Answer("***ERROR***\n42\ndescription:\n***DONE***\n");
+  ExpectFailure(empty.Perform(), kCallFailed,
+                "The webservice returned an error :\nServer's HTTP response code was 0\n");
+}
+
+TEST(PCallWebService, SaysWhenAnErrorBlockHasNoDescription) {
+  Call call;
+  call.fake.http.Answer("***ERROR***\n42\nseverity: 3\n");
+  ExpectFailure(call.Perform(), kCallFailed,
+                "The webservice returned an error :no description\n"
+                "Server's HTTP response code was 0\n");
+}
+
+TEST(PCallWebService, ShowsTheStatusThatTheRequestHolds) {
+  Call call;
+  call.ws.httpStatus = 77;
+  call.fake.http.Answer("");
+  EXPECT_THAT(call.Perform().err, ::testing::EndsWith("\nServer's HTTP response code was 77\n"));
+}
+
+}  // namespace
+}  // namespace corvel::storage::tzregister
