@@ -1,0 +1,136 @@
+#include "support/receive_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "tests/support/cleanse_watch.h"
+
+namespace corvel::storage::support {
+namespace {
+
+using storage::testing::CleanseWatch;
+
+constexpr std::size_t kMebibyte = 1u << 20;
+
+void ExpectEmpty(const ReceiveBuffer& buffer) {
+  EXPECT_EQ(buffer.data, nullptr);
+  EXPECT_EQ(buffer.size, 0U);
+}
+
+void Append(const std::string& bytes, ReceiveBuffer* buffer) {
+  ASSERT_TRUE(buffer->Append(bytes.data(), bytes.size()));
+}
+
+TEST(ReceiveBuffer, IsEmptyWhenNew) { ExpectEmpty(ReceiveBuffer()); }
+
+TEST(ReceiveBuffer, AddsBytesBehindTheOldEndAndTerminatesThem) {
+  ReceiveBuffer buffer;
+  Append("one", &buffer);
+  EXPECT_STREQ(buffer.data, "one");
+  Append("", &buffer);
+  Append(" two", &buffer);
+  EXPECT_STREQ(buffer.data, "one two");
+  EXPECT_EQ(buffer.size, 7U);
+}
+
+TEST(ReceiveBuffer, KeepsZeroBytes) {
+  ReceiveBuffer buffer;
+  Append(std::string("a\0b", 3), &buffer);
+  EXPECT_EQ(std::string(buffer.data, buffer.size + 1), std::string("a\0b\0", 4));
+}
+
+TEST(ReceiveBuffer, HasATextAfterNoBytes) {
+  ReceiveBuffer buffer;
+  EXPECT_TRUE(buffer.Append(nullptr, 0));
+  EXPECT_EQ(buffer.size, 0U);
+  EXPECT_STREQ(buffer.data, "");
+}
+
+TEST(ReceiveBuffer, KeepsItsContentWhileItGrows) {
+  ReceiveBuffer buffer;
+  std::string expected;
+  for (const std::size_t count : {kMebibyte - 1, std::size_t{1}, std::size_t{1}, kMebibyte}) {
+    const std::string part(count, static_cast<char>('a' + expected.size() % 26));
+    Append(part, &buffer);
+    expected += part;
+    ASSERT_EQ(buffer.size, expected.size());
+    ASSERT_TRUE(buffer.data == expected);
+  }
+}
+
+TEST(ReceiveBuffer, TakesAnAnswerOfTheGreatestLength) {
+  EXPECT_EQ(kMaxAnswerBytes, 64U * kMebibyte);
+  ReceiveBuffer buffer;
+  const std::string part(16 * kMebibyte, 'x');
+  for (int count = 0; count < 4; ++count) Append(part, &buffer);
+  EXPECT_EQ(buffer.size, kMaxAnswerBytes);
+  EXPECT_EQ(buffer.data[kMaxAnswerBytes], '\0');
+  EXPECT_TRUE(buffer.Append("", 0));
+  EXPECT_FALSE(buffer.Append("x", 1));
+  ExpectEmpty(buffer);
+}
+
+TEST(ReceiveBuffer, DropsEverythingWhenAnAnswerIsTooLong) {
+  const std::string text = "small";
+  for (const std::size_t count :
+       {static_cast<std::size_t>(kMaxAnswerBytes) - 4, SIZE_MAX, SIZE_MAX - 4, SIZE_MAX - 5}) {
+    SCOPED_TRACE(count);
+    ReceiveBuffer buffer;
+    Append(text, &buffer);
+    EXPECT_FALSE(buffer.Append(text.data(), count));
+    ExpectEmpty(buffer);
+  }
+}
+
+TEST(ReceiveBuffer, CanBeFilledAgainAfterAFailure) {
+  ReceiveBuffer buffer;
+  EXPECT_FALSE(buffer.Append("x", SIZE_MAX));
+  Append("again", &buffer);
+  EXPECT_STREQ(buffer.data, "again");
+}
+
+TEST(ReceiveBuffer, IsEmptyAfterItsRelease) {
+  ReceiveBuffer buffer;
+  Append("text", &buffer);
+  buffer.Release();
+  ExpectEmpty(buffer);
+  buffer.Release();
+  ExpectEmpty(buffer);
+}
+
+TEST(ReceiveBuffer, WipesWhatItGivesBack) {
+  CleanseWatch watch;
+  {
+    ReceiveBuffer buffer;
+    Append("released", &buffer);
+    buffer.Release();
+    Append("destroyed", &buffer);
+  }
+  EXPECT_TRUE(watch.Saw("released"));
+  EXPECT_TRUE(watch.Saw("destroyed"));
+}
+
+TEST(ReceiveBuffer, WipesTheOldBlockWhenItGrows) {
+  ReceiveBuffer buffer;
+  Append("secret", &buffer);
+  CleanseWatch watch;
+  Append("more", &buffer);
+  EXPECT_TRUE(watch.Saw("secret"));
+  EXPECT_STREQ(buffer.data, "secretmore");
+}
+
+TEST(ReceiveBuffer, HandsItsBlockOver) {
+  ReceiveBuffer buffer;
+  Append("text", &buffer);
+  char* const block = buffer.TakeData();
+  ExpectEmpty(buffer);
+  EXPECT_STREQ(block, "text");
+  std::free(block);
+  EXPECT_EQ(buffer.TakeData(), nullptr);
+}
+
+}  // namespace
+}  // namespace corvel::storage::support
