@@ -10,7 +10,7 @@
 
 #include "config/config_file.h"
 #include "support/password.h"
-#include "tests/frontend/authority_answers.h"
+#include "tests/testing/authority_answers.h"
 #include "tests/testing/command_line.h"
 #include "tests/testing/fake_registry_host.h"
 #include "tests/testing/outcome.h"

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/frontend/authority_answers.h"
+#include "tests/testing/authority_answers.h"
 #include "tests/testing/command_line.h"
 #include "tests/testing/fake_registry_host.h"
 #include "tests/testing/output_capture.h"

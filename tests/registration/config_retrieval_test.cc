@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "support/password.h"
-#include "tests/frontend/authority_answers.h"
 #include "tests/registration/scripted_registrator.h"
+#include "tests/testing/authority_answers.h"
 #include "tests/testing/fake_registry_host.h"
 #include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"

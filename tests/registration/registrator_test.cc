@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/frontend/authority_answers.h"
 #include "tests/registration/scripted_registrator.h"
+#include "tests/testing/authority_answers.h"
 #include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"
 

@@ -13,8 +13,8 @@
 #include "support/handle.h"
 #include "support/receive_buffer.h"
 #include "support/secret.h"
-#include "tests/support/cleanse_watch.h"
-#include "tests/support/curl_double.h"
+#include "tests/testing/cleanse_watch.h"
+#include "tests/testing/curl_double.h"
 #include "tests/testing/scoped_environment.h"
 #include "tests/testing/temp_directory.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/curl_double.h"
+#include "tests/testing/curl_double.h"
 
 namespace corvel::storage::support {
 namespace {

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/cleanse_watch.h"
+#include "tests/testing/cleanse_watch.h"
 #include "tests/testing/temp_directory.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/cleanse_watch.h"
+#include "tests/testing/cleanse_watch.h"
 
 namespace corvel::storage::support {
 namespace {

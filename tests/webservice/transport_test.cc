@@ -8,7 +8,7 @@
 #include <iterator>
 #include <string>
 
-#include "tests/support/curl_double.h"
+#include "tests/testing/curl_double.h"
 #include "tests/testing/temp_directory.h"
 #include "webservice/record_set.h"
 

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/cleanse_watch.h"
+#include "tests/testing/cleanse_watch.h"
 #include "tests/testing/fake_network.h"
 #include "tests/testing/output_capture.h"
 #include "tests/testing/scoped_environment.h"

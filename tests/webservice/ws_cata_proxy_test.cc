@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/cleanse_watch.h"
+#include "tests/testing/cleanse_watch.h"
 #include "tests/testing/command_line.h"
 #include "tests/testing/fake_network.h"
 #include "tests/testing/outcome.h"

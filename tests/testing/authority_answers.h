@@ -1,5 +1,5 @@
-#ifndef TESTS_FRONTEND_AUTHORITY_ANSWERS_H_
-#define TESTS_FRONTEND_AUTHORITY_ANSWERS_H_
+#ifndef TESTS_TESTING_AUTHORITY_ANSWERS_H_
+#define TESTS_TESTING_AUTHORITY_ANSWERS_H_
 
 #include <string>
 
@@ -50,4 +50,4 @@ inline std::string FormValue(const SentRequest& request, const std::string& name
 
 }  // namespace corvel::storage::testing
 
-#endif  // TESTS_FRONTEND_AUTHORITY_ANSWERS_H_
+#endif  // TESTS_TESTING_AUTHORITY_ANSWERS_H_

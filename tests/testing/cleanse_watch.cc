@@ -1,4 +1,4 @@
-#include "tests/support/cleanse_watch.h"
+#include "tests/testing/cleanse_watch.h"
 
 #include <openssl/crypto.h>
 

@@ -1,5 +1,5 @@
-#ifndef TESTS_SUPPORT_CLEANSE_WATCH_H_
-#define TESTS_SUPPORT_CLEANSE_WATCH_H_
+#ifndef TESTS_TESTING_CLEANSE_WATCH_H_
+#define TESTS_TESTING_CLEANSE_WATCH_H_
 
 #include <string>
 #include <vector>
@@ -28,4 +28,4 @@ class CleanseWatch {
 
 }  // namespace corvel::storage::testing
 
-#endif  // TESTS_SUPPORT_CLEANSE_WATCH_H_
+#endif  // TESTS_TESTING_CLEANSE_WATCH_H_

@@ -1,5 +1,5 @@
-#ifndef TESTS_SUPPORT_CURL_DOUBLE_H_
-#define TESTS_SUPPORT_CURL_DOUBLE_H_
+#ifndef TESTS_TESTING_CURL_DOUBLE_H_
+#define TESTS_TESTING_CURL_DOUBLE_H_
 
 #include <curl/curl.h>
 
@@ -51,4 +51,4 @@ class CurlDouble {
 
 }  // namespace corvel::storage::testing
 
-#endif  // TESTS_SUPPORT_CURL_DOUBLE_H_
+#endif  // TESTS_TESTING_CURL_DOUBLE_H_

@@ -1,4 +1,4 @@
-#include "tests/support/curl_double.h"
+#include "tests/testing/curl_double.h"
 
 #include <dlfcn.h>
 #include <strings.h>
