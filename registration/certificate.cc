@@ -75,6 +75,14 @@ void FillCertificate(X509* certificate, EVP_PKEY* key) {
   AddExtension(certificate, NID_netscape_ssl_server_name, SslServerName());
 }
 
+/// The library takes some texts for instructions ("critical,...", "DER:..."); a
+/// host name is never one of them.
+bool IsHostName(const std::string& text) {
+  constexpr char kHostNameCharacters[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-_*";
+  return text.find_first_not_of(kHostNameCharacters) == std::string::npos;
+}
+
 using Bytes = std::vector<unsigned char>;
 
 /// The part of the certificate that is signed, encoded anew; empty on failure.
@@ -129,6 +137,7 @@ OpenSSLCertificate::~OpenSSLCertificate() = default;
 
 int OpenSSLCertificate::open() {
   if (opened_) return 0;
+  if (!IsHostName(SslServerName())) return -1;
   key_ = GenerateKey();
   if (key_ == nullptr) return -1;
   certificate_.reset(X509_new());

@@ -19,7 +19,8 @@ class OpenSSLCertificate {
   OpenSSLCertificate& operator=(const OpenSSLCertificate&) = delete;
 
   /// Makes key and certificate. Returns 0, also when they are there already (it
-  /// then does nothing), and -1 when the cryptography fails. Prints nothing.
+  /// then does nothing), and -1 when the cryptography fails or the server name
+  /// is no host name. Prints nothing.
   int open();
 
   /// Borrowed; null before a successful `open`.

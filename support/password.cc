@@ -45,18 +45,17 @@ class Descriptor {
   int number_;
 };
 
-/// Opens a regular file for reading. Without blocking, so that a pipe of that
-/// name cannot hold the run up.
-bool IsReadableFile(const Descriptor& file) {
+bool IsRegularFile(const Descriptor& file) {
   struct stat status;
   return file.number() >= 0 && fstat(file.number(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-/// The whole content of the key file; empty when there is none to be had.
+/// The whole content of the key file; empty when there is none to be had. Opened
+/// without blocking, so that a pipe of that name cannot hold the run up.
 SecretBytes ReadKeyFile(const char* path) {
   const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   SecretBytes content;
-  if (!IsReadableFile(file)) return content;
+  if (!IsRegularFile(file)) return content;
   std::size_t used = 0;
   ssize_t count = 0;
   do {

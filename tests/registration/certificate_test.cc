@@ -156,6 +156,16 @@ TEST_F(OpenSSLCertificateTest, IsValidFromItsMakingFor1825Days) {
   EXPECT_EQ(Seconds(X509_get0_notAfter(fresh.certificate())) - start, 157680000);
 }
 
+TEST_F(OpenSSLCertificateTest, RefusesAServerNameThatIsNoHostName) {
+  for (const char* name : {"critical,host", "DER:0500", "a b", "a\nb"}) {
+    SCOPED_TRACE(name);
+    const ScopedEnvironment environment(kServerNameVariable, name);
+    OpenSSLCertificate fresh;
+    EXPECT_EQ(fresh.open(), -1);
+    EXPECT_FALSE(fresh.opened());
+  }
+}
+
 TEST_F(OpenSSLCertificateTest, IsValidAsLongWhenASecondBeginsDuringItsMaking) {
   const TickingClock clock;
   OpenSSLCertificate fresh;

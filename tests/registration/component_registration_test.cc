@@ -47,8 +47,11 @@ ScopedHostName* ScopedHostName::current = nullptr;
 }  // namespace corvel::storage::testing
 
 // Takes the place of the system's own function for the code that is linked
-// into this program.
-int gethostname(char* name, std::size_t size) noexcept {
+// into this program. Under a name of its own, because fortified headers define
+// that function inline.
+extern "C" int DoubleOfGetHostName(char* name, std::size_t size) noexcept asm("gethostname");
+
+int DoubleOfGetHostName(char* name, std::size_t size) noexcept {
   auto* const host = corvel::storage::testing::ScopedHostName::current;
   return host == nullptr ? -1 : host->Give(name, size);
 }
