@@ -79,6 +79,7 @@ class Host:
         self._ssl = Path("/etc/ssl")
         self._zenta: Optional[Path] = None
         self._name = ""
+        self._prepares = False
         for made in (self.work, self.etc_quorvex, self._files):
             made.mkdir(parents=True)
         (self._files / "hosts").write_text(_HOSTS)
@@ -106,6 +107,10 @@ class Host:
         """Gives the machine the default installation "/usr/zenta/vrmo/qxag"."""
         self._zenta = self._files / "zenta"
         (self._zenta / "vrmo" / "qxag").mkdir(parents=True)
+
+    def let_prepare(self) -> None:
+        """Lets the run itself write the registry and install the product."""
+        self._prepares = True
 
     def install_ssl_directory(self, directory: Path) -> None:
         """Replaces the machine's "/etc/ssl" (trusted authorities, OpenSSL's settings)."""
@@ -178,6 +183,8 @@ class Host:
         options += ["--bind", str(self.etc_quorvex), "/etc/quorvex"]
         if self._registry.exists():
             options += ["--ro-bind", str(self._registry), "/etc/qxregistry.cfg"]
+        if self._prepares:
+            options += ["--dir", "/usr/zenta"]
         if self._zenta is not None:
             options += ["--ro-bind", str(self._zenta), "/usr/zenta"]
         return options

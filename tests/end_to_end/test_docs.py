@@ -11,12 +11,15 @@ from typing import Sequence
 import pytest
 
 from answers import config_answer
+from authority import Authority
 from messages import completed
 from raw_server import RawServer, http_answer
 from sandbox import EXIT_FAILURE, Host, Result
 from tls_files import CertificateAuthority
 
-_DOCS = Path(__file__).resolve().parents[2] / "docs"
+_ROOT = Path(__file__).resolve().parents[2]
+_DOCS = _ROOT / "docs"
+_ALL_ACTIONS_SECONDS = 240.0
 
 
 def examples(page: str) -> dict[str, str]:
@@ -77,3 +80,20 @@ def test_the_exchange_of_the_channel(registered: Host, tmp_path: Path) -> None:
     request = server.only_request()
     assert request.head.decode() == head.replace("\n", "\r\n") + "\r\n\r\n"
     assert request.body.decode() == body.rstrip("\n")
+
+
+def test_the_commands_of_the_readme_work_one_after_the_other(host: Host, authority: Authority) -> None:
+    section = (_ROOT / "README.md").read_text().partition("\n## Actions\n")[2].partition("\n## ")[0]
+    prepare, *commands = re.findall(r"^```sh\n(.*?)^```$", section, re.DOTALL | re.MULTILINE)
+    assert len(commands) == 6
+    shutil.copy(authority.password_file, host.work / "admin.passwd")
+    host.let_prepare()
+    environment = {"URL": authority.url, "PATH": f"{Path(host.program).parent}:/usr/bin:/bin"}
+    script = "set -e\n" + prepare + "".join(commands)
+    result = host.run(shell=script, environment=environment, time_limit=_ALL_ACTIONS_SECONDS)
+    actions = ("discover", "register", "configfile", "configfile", "routingtables", "createds")
+    assert result.stderr == b"".join(map(completed, (*actions, *["certificate"] * 3)))
+    assert result.status == 0
+    written = {path.name for path in (*host.work.iterdir(), *host.etc_quorvex.iterdir())}
+    assert written >= {"Agent.cfg", "cr.cfg", "pool.recommended", "pool.current", "agent.cert", "agent.key"}
+    assert "home" in authority.show("dataselections")
