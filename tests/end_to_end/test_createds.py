@@ -6,12 +6,13 @@ from typing import Optional, Sequence
 
 import pytest
 
-from answers import agent_answer, config_answer, data_answer, empty_answer, error_answer
+from answers import data_answer, empty_answer, error_answer
 from authority import Authority
 from credentials import CredentialFile
 from messages import NO_REGISTRY, NOT_PARSED, call_failed, completed, error_returned, executable_path, failed
-from passwords import KEY_FILE, MASK, encrypt
+from passwords import KEY_FILE, encrypt
 from raw_server import RawServer, Request, http_answer
+from round_trip import ACCOUNTS, provision
 from sandbox import EXIT_FAILURE, Host, Result
 from templates import stored_option
 
@@ -218,31 +219,12 @@ def test_the_answer_decides(host: Host, credentials: CredentialFile, answer: byt
     assert result == expected
 
 
-ROUND_TRIP_TEMPLATE = (
-    "[spa]\nurl={url}\n[paths]\nkeydir=keys\n[systemaccount]\nlogin=t l\npasswd=t w\n[main]\nagentid=42\n"
-)
-
-
-@pytest.mark.parametrize(
-    "agent_type, account",
-    [("0", ("agent_42", "p|w d")), ("2", ("TWLX_AGENT", MASK)), (None, ("t l", "t w"))],
-)
+@pytest.mark.parametrize("agent_type, has_key, account", ACCOUNTS)
 def test_the_account_that_was_provisioned_is_the_one_that_travels(
-    host: Host, agent_type: Optional[str], account: tuple[str, str]
+    host: Host, agent_type: Optional[str], has_key: bool, account: tuple[str, str]
 ) -> None:
-    keys = host.work / "keys"
-    if agent_type:
-        keys.mkdir()
-        (keys / KEY_FILE).write_bytes(KEY)
-    host.register_component("Agent", "/etc/quorvex/Agent.cfg", str(host.work))
-    action = "register" if agent_type else "configfile"
     with RawServer() as server:
-        template = http_answer(config_answer(ROUND_TRIP_TEMPLATE.format(url=server.url)))
-        registration = [http_answer(agent_answer(password="p|w d"))] if agent_type else []
-        server.replies = [*registration, template, http_answer(empty_answer())]
-        options = ("--hostname", "h", *(("--agentType", agent_type) if agent_type else ()), "--todisk")
-        first = ("--action", action, "--type", "Agent", "--url", server.url, "--login", "admin", "--passwd", "secret")
-        assert host.run(*first, *options).status == 0
+        keys = provision(host, server, agent_type, has_key, empty_answer())
         assert create(host, *RULED) == SUCCESS
     assert server.requests[-1].parts() == form(keys, login=account[0], passwd=account[1])
 

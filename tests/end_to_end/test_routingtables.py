@@ -7,7 +7,7 @@ from typing import Optional, Sequence
 
 import pytest
 
-from answers import agent_answer, config_answer, data_answer, empty_answer, error_answer, routing_answer
+from answers import data_answer, empty_answer, error_answer, routing_answer
 from authority import Authority
 from credentials import CredentialFile
 from messages import (
@@ -23,6 +23,7 @@ from messages import (
 )
 from passwords import KEY_FILE, MASK, encrypt
 from raw_server import RawServer, Request, http_answer
+from round_trip import ACCOUNTS, provision
 from sandbox import EXIT_FAILURE, Host, Result
 from templates import stored_option
 
@@ -392,45 +393,12 @@ def test_empty_tables_are_written_as_such(host: Host, credentials: CredentialFil
     assert ((host.work / "a").read_text(), (host.work / "b").read_text()) == empty
 
 
-ROUND_TRIP_TEMPLATE = """\
-[spa]
-url={url}
-[paths]
-keydir=keys
-[systemaccount]
-login=template login
-passwd=template word
-[main]
-agentid=42
-"""
-
-
-@pytest.mark.parametrize(
-    "agent_type, has_key, account",
-    [
-        ("0", True, ("agent_42", "p|w d")),
-        ("2", True, ("TWLX_AGENT", MASK)),
-        ("2", False, ("TWLX_AGENT", MASK)),
-        (None, False, ("template login", "template word")),
-        ("1", False, ("template login", "template word")),
-    ],
-)
+@pytest.mark.parametrize("agent_type, has_key, account", ACCOUNTS)
 def test_the_account_that_was_provisioned_is_the_one_that_travels(
     host: Host, agent_type: Optional[str], has_key: bool, account: tuple[str, str]
 ) -> None:
-    keys = host.work / "keys"
-    if has_key:
-        keys.mkdir()
-        (keys / KEY_FILE).write_bytes(KEY)
-    host.register_component("Agent", "/etc/quorvex/Agent.cfg", str(host.work))
-    action = "register" if agent_type else "configfile"
     with RawServer() as server:
-        template = http_answer(config_answer(ROUND_TRIP_TEMPLATE.format(url=server.url)))
-        registration = [http_answer(agent_answer(password="p|w d"))] if agent_type else []
-        server.replies = [*registration, template, http_answer(routing_answer("r", "c"))]
-        options = ("--hostname", "h", *(("--agentType", agent_type) if agent_type else ()), "--todisk")
-        first = ("--action", action, "--type", "Agent", "--url", server.url, "--login", "admin", "--passwd", "secret")
-        assert host.run(*first, *options).status == 0
+        keys = provision(host, server, agent_type, has_key, routing_answer("r", "c"))
         assert fetch(host, None) == printed(b"rc")
     assert server.requests[-1].parts() == form(keys, account[1], account[0])
 
