@@ -116,6 +116,11 @@ class Host:
         """Replaces the machine's "/etc/ssl" (trusted authorities, OpenSSL's settings)."""
         self._ssl = directory
 
+    def name_address(self, name: str, address: str) -> None:
+        """Lets the machine know another host by name."""
+        with open(self._files / "hosts", "a", encoding="ascii") as hosts:
+            hosts.write(f"{address} {name}\n")
+
     def set_name(self, name: str) -> None:
         """Gives the machine a host name of its own."""
         self._name = name

@@ -1,0 +1,269 @@
+"""How many passes of the wait loop, and how much memory, a run takes.
+
+    passes.py --tool build/release/tzregister --counter build/release/libpass_counter.so
+              [--runs N] [--only TEXT] [--list] [--receive-max BYTES]
+
+Each case runs the real tool against a server of its own, on loopback or over a
+link with a round trip of 20 ms. Needs root and /dev/net/tun for the link.
+"""
+
+from __future__ import annotations
+
+import argparse
+import contextlib
+import json
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Iterator, Optional
+
+HERE = Path(__file__).resolve().parent
+sys.path[:0] = [str(HERE), str(HERE.parent / "tests" / "end_to_end")]
+
+import slow_link  # noqa: E402
+from credentials import CredentialFile  # noqa: E402
+from sandbox import Host  # noqa: E402
+from tls_files import CertificateAuthority, ServerFiles  # noqa: E402
+
+LOOPBACK = "127.0.0.1"
+SERVER_NAME = "authority.example"
+ROUND_TRIP_SECONDS = 0.020
+# On loopback what a pause waits for is there in microseconds; shortened, a
+# pause is still long enough for the server's part of a big answer.
+LOOPBACK_SLEEP_MS = "300"
+TIME_LIMIT_SECONDS = 150.0
+MEGABYTE = 1_000_000
+RULES = "include /home/some/directory\n"
+
+
+@dataclass(frozen=True)
+class Serving:
+    """What one server does."""
+
+    size: int = 0
+    tls: Optional[str] = None
+    delayed: bool = False
+    compress: bool = False
+    close: bool = False
+
+
+@dataclass(frozen=True)
+class Case:
+    """One row of the table."""
+
+    label: str
+    serving: Serving
+    action: str = "discover"
+    by_name: bool = False
+    rules: int = 0
+
+    @property
+    def whole_label(self) -> str:
+        """The label with the link that it goes over."""
+        return f"{self.label}, {'20 ms' if self.serving.delayed else 'loopback'}"
+
+
+@dataclass(frozen=True)
+class Outcome:
+    """What one run took."""
+
+    passes: int
+    peak_kib: int
+    failure: str = ""
+
+
+def link_cases(delayed: bool) -> list[Case]:
+    """The cases that are run over both links."""
+
+    def serving(size: int = 0, **more: object) -> Serving:
+        return Serving(size=size, delayed=delayed, **more)  # type: ignore[arg-type]
+
+    tls_12, tls_13 = {"tls": "1.2"}, {"tls": "1.3"}
+    return [
+        Case("discover, HTTP by address", serving()),
+        Case("discover, HTTP by name", serving(), by_name=True),
+        Case("discover, HTTPS TLS 1.3", serving(**tls_13)),
+        Case("discover, HTTPS TLS 1.2", serving(**tls_12)),
+        Case("register, HTTP", serving(), "register"),
+        Case("register, HTTP by name", serving(), "register", by_name=True),
+        Case("register, HTTPS TLS 1.3", serving(**tls_13), "register"),
+        Case("register, HTTPS TLS 1.2", serving(**tls_12), "register"),
+        Case("register, server closes, HTTP", serving(close=True), "register"),
+        Case("register, server closes, HTTP by name", serving(close=True), "register", by_name=True),
+        Case("register, server closes, HTTPS TLS 1.3", serving(close=True, **tls_13), "register"),
+        Case("register, server closes, HTTPS TLS 1.2", serving(close=True, **tls_12), "register"),
+        Case("createds, 100 KB of rules, HTTP", serving(), "createds", rules=100_000),
+        Case("createds, 100 KB of rules, HTTPS", serving(**tls_13), "createds", rules=100_000),
+        *(Case(f"{size} MB answer, HTTP", serving(size * MEGABYTE)) for size in (1, 10, 60, 100, 200)),
+        *(Case(f"{size} MB answer, HTTPS", serving(size * MEGABYTE, **tls_13)) for size in (1, 10, 60)),
+        *(Case(f"{size} MB answer, compressed", serving(size * MEGABYTE, compress=True)) for size in (10, 100)),
+        Case("10 MB answer, compressed, HTTPS", serving(10 * MEGABYTE, compress=True, **tls_13)),
+        *(Case(f"{size} MB of routing tables", serving(size * MEGABYTE), "routingtables") for size in (1, 10, 60, 200)),
+        *(Case(f"{size} MB configuration file", serving(size * MEGABYTE), "configfile") for size in (1, 10, 60, 200)),
+    ]
+
+
+def cases() -> list[Case]:
+    """Every row."""
+    return [case for pair in zip(link_cases(False), link_cases(True)) for case in pair]
+
+
+class Bench:
+    """The servers, the link and the tool."""
+
+    def __init__(self, options: argparse.Namespace, directory: Path) -> None:
+        self.options = options
+        self.directory = directory
+        self._tls = CertificateAuthority(directory / "authority").server()
+        self._ports: dict[Serving, int] = {}
+
+    @contextlib.contextmanager
+    def running(self, servings: set[Serving]) -> Iterator[None]:
+        """The link with the servers at its far end, and those on loopback at the near one."""
+        with contextlib.ExitStack() as stack:
+            slow_link.enter_new_namespace()
+            far = slow_link.open_end(slow_link.FAR_ADDRESS, slow_link.NEAR_ADDRESS)
+            for serving in (one for one in servings if one.delayed):
+                self._start(serving, slow_link.FAR_ADDRESS, stack)
+            slow_link.enter_new_namespace()
+            near = slow_link.open_end(slow_link.NEAR_ADDRESS, slow_link.FAR_ADDRESS)
+            _ended_with(stack, slow_link.start_carrier(near, far, ROUND_TRIP_SECONDS / 2))
+            for serving in (one for one in servings if not one.delayed):
+                self._start(serving, LOOPBACK, stack)
+            yield
+
+    def _start(self, serving: Serving, address: str, stack: contextlib.ExitStack) -> None:
+        """Starts one server in the namespace of the moment."""
+        command = [sys.executable, str(HERE / "answering_server.py"), "--address", address]
+        command += ["--size", str(serving.size)]
+        if serving.tls:
+            command += ["--tls", serving.tls, *_file_options(self._tls)]
+        command += ["--compress"] * serving.compress + ["--close"] * serving.close
+        process = subprocess.Popen(command, stdout=subprocess.PIPE)
+        _ended_with(stack, process)
+        assert process.stdout is not None
+        self._ports[serving] = int(process.stdout.readline())
+
+    def run(self, case: Case, number: int) -> Outcome:
+        """One run of a case."""
+        directory = Path(tempfile.mkdtemp(prefix=f"{number}-", dir=self.directory))
+        try:
+            return self._run(case, Host(directory))
+        finally:
+            shutil.rmtree(directory)
+
+    def _run(self, case: Case, host: Host) -> Outcome:
+        address = slow_link.FAR_ADDRESS if case.serving.delayed else LOOPBACK
+        host.name_address(SERVER_NAME, address)
+        authority = f"{SERVER_NAME if case.by_name else address}:{self._ports[case.serving]}"
+        url = f"http{'s' if case.serving.tls else ''}://{authority}"
+        shutil.copy(self.options.counter, host.work / "counter.so")
+        environment = {
+            "LD_PRELOAD": str(host.work / "counter.so"),
+            "PASS_COUNT_FILE": str(host.work / "passes"),
+            "PASS_PEAK_FILE": str(host.work / "status"),
+        }
+        if not case.serving.delayed:
+            environment["PASS_SLEEP_MS"] = LOOPBACK_SLEEP_MS
+        if self.options.receive_max:
+            environment["PASS_RECEIVE_MAX"] = str(self.options.receive_max)
+        with open(host.work / "stdout", "wb") as stdout:
+            result = host.run(
+                *_arguments(case, host, url), environment=environment, stdout=stdout, time_limit=TIME_LIMIT_SECONDS
+            )
+        passes = (host.work / "passes").stat().st_size
+        failure = "" if result.status == 0 else result.stderr.decode(errors="replace").splitlines()[0]
+        return Outcome(passes, _peak_kib((host.work / "status").read_text()), failure)
+
+
+def _ended_with(stack: contextlib.ExitStack, process: "subprocess.Popen[bytes]") -> None:
+    """Ends the process with the stack."""
+    stack.callback(process.wait)
+    stack.callback(process.kill)
+
+
+def _file_options(files: ServerFiles) -> list[str]:
+    """The server's options that name these files."""
+    return ["--certificate", str(files.certificate), "--key", str(files.key)]
+
+
+def _arguments(case: Case, host: Host, url: str) -> list[str]:
+    """The tool's arguments, with the files that they need."""
+    account = ["--url", url, "--login", "admin", "--passwd", "secret"]
+    agent = ["--action", case.action, "--type", "Agent"]
+    if case.action == "discover":
+        return ["--action", "discover", *account]
+    host.register_component("Agent", "/etc/quorvex/Agent.cfg", str(host.work))
+    if case.action == "register":
+        return [*agent, "--agentType", "1", "--hostname", "h", *account]
+    if case.action == "configfile":
+        return [*agent, *account]
+    stored = CredentialFile(host.work / "Agent.cfg", url=url, keydir=str(host.work / "keys"))
+    stored.write()
+    agent += ["--configfile", str(stored.path)]
+    if case.action == "routingtables":
+        return [*agent, "--storagepoolid", "1"]
+    rules = (RULES * (case.rules // len(RULES) + 1))[: case.rules]
+    return [*agent, "--dsname", "home", "--dstypeid", "4", "--dsrules", rules]
+
+
+def _peak_kib(status: str) -> int:
+    """The peak memory in a process's own account."""
+    line = next(line for line in status.splitlines() if line.startswith("VmHWM:"))
+    return int(line.split()[1])
+
+
+def row(case: Case, outcomes: list[Outcome]) -> dict[str, object]:
+    """What the runs of a case come to."""
+    passes = [outcome.passes for outcome in outcomes]
+    failures = [outcome.failure for outcome in outcomes if outcome.failure]
+    peak_mib = max(outcome.peak_kib for outcome in outcomes) / 1024
+    return {
+        "case": case.whole_label,
+        "usual": statistics.mode(passes),
+        "worst": max(passes),
+        "runs": len(passes),
+        "peak MiB": round(peak_mib, 1),
+        "failed": len(failures),
+        "failure": failures[0] if failures else "",
+    }
+
+
+def parse_arguments() -> argparse.Namespace:
+    """The command line."""
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tool", type=Path)
+    parser.add_argument("--counter", type=Path)
+    parser.add_argument("--runs", type=int, default=1)
+    parser.add_argument("--only", action="append", default=[], help="cases whose names hold this text")
+    parser.add_argument("--list", action="store_true", help="name the cases and end")
+    parser.add_argument("--parallel", type=int, default=5, help="runs of a case at the same time")
+    parser.add_argument("--receive-max", type=int, default=0, help="as if net.core.rmem_max were this")
+    return parser.parse_args()
+
+
+def main() -> None:
+    """Runs the chosen cases."""
+    options = parse_arguments()
+    chosen = [case for case in cases() if not options.only or any(text in case.whole_label for text in options.only)]
+    if options.list:
+        print("\n".join(case.whole_label for case in chosen))
+        return
+    import os
+
+    os.environ["TZREGISTER_BINARY"] = str(options.tool)
+    with tempfile.TemporaryDirectory() as directory, ThreadPoolExecutor(options.parallel) as pool:
+        bench = Bench(options, Path(directory))
+        with bench.running({case.serving for case in chosen}):
+            for case in chosen:
+                outcomes = list(pool.map(lambda number, one=case: bench.run(one, number), range(options.runs)))
+                print(json.dumps(row(case, outcomes)), flush=True)
+
+
+if __name__ == "__main__":
+    main()
