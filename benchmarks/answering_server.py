@@ -19,30 +19,32 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "end_to_end"))
 
-from answers import agent_answer, config_answer, data_answer, empty_answer, routing_answer  # noqa: E402
+from answers import agent_answer, config_answer, data_answer, empty_answer, escape, routing_answer  # noqa: E402
 
+# Longer than the window of any compression, so that repeating it gains nothing.
+_BLOCK_LINES = 100_000
+_VALUE = b"@VALUE@"
+_COMPRESSION_LEVEL = 1
 _VERSIONS = {"1.2": ssl.TLSVersion.TLSv1_2, "1.3": ssl.TLSVersion.TLSv1_3}
 
 
 def filler(size: int) -> bytes:
-    """This many bytes of a configuration file that compresses as such files do."""
+    """About this many bytes of a configuration file, escaped; they compress as such files do."""
     numbers = random.Random(size)
-    lines = [b"[numbers]"]
-    length = len(lines[0]) + 1
-    while length < size:
-        lines.append(b"entry%07d=%d" % (len(lines), numbers.randrange(10**12)))
-        length += len(lines[-1]) + 1
-    return b"\n".join(lines)[:size]
+    lines = (b"entry%06d=%d" % (line, numbers.randrange(10**12)) for line in range(_BLOCK_LINES))
+    block = escape(b"[numbers]\n" + b"\n".join(lines) + b"\n")
+    return (block * (size // len(block) + 1))[:size].rstrip(b"\\")
 
 
 def answers(size: int) -> dict[str, bytes]:
     """Each page's answer; the value that an action is after has `size` bytes."""
     text = filler(size)
+    half = filler(size // 2)
     return {
-        "/ws_storagepool.php": data_answer([("returnvalue", "S")], [[text]]) if size else empty_answer(),
+        "/ws_storagepool.php": data_answer([("returnvalue", "S")], [[_VALUE]]).replace(_VALUE, text),
         "/ws_agent.php": agent_answer(),
-        "/ws_agent.php getRoutingTables": routing_answer(text[: size // 2], text[size // 2 :]),
-        "/ws_configfile.php": config_answer(text or b"[paths]\n"),
+        "/ws_agent.php getRoutingTables": routing_answer(_VALUE, _VALUE).replace(_VALUE, half),
+        "/ws_configfile.php": config_answer(_VALUE).replace(_VALUE, text),
         "/ws_dataselection.php": empty_answer(),
     }
 
@@ -108,7 +110,7 @@ def main() -> None:
     options = arguments()
     Handler.pages = answers(options.size)
     if options.compress:
-        Handler.pages |= {f"{page} gzip": gzip.compress(body) for page, body in Handler.pages.items()}
+        Handler.pages |= {f"{page} gzip": gzip.compress(body, _COMPRESSION_LEVEL) for page, body in Handler.pages.items()}
     Handler.compress, Handler.close = options.compress, options.close
     server = Server((options.address, 0), Handler)
     if options.tls:

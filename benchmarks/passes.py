@@ -12,6 +12,7 @@ from __future__ import annotations
 import argparse
 import contextlib
 import json
+import os
 import shutil
 import statistics
 import subprocess
@@ -28,7 +29,7 @@ sys.path[:0] = [str(HERE), str(HERE.parent / "tests" / "end_to_end")]
 import slow_link  # noqa: E402
 from credentials import CredentialFile  # noqa: E402
 from sandbox import Host  # noqa: E402
-from tls_files import CertificateAuthority, ServerFiles  # noqa: E402
+from tls_files import CertificateAuthority  # noqa: E402
 
 LOOPBACK = "127.0.0.1"
 SERVER_NAME = "authority.example"
@@ -120,47 +121,51 @@ class Bench:
         self.options = options
         self.directory = directory
         self._tls = CertificateAuthority(directory / "authority").server()
-        self._ports: dict[Serving, int] = {}
+        self._near = self._far = -1
 
     @contextlib.contextmanager
-    def running(self, servings: set[Serving]) -> Iterator[None]:
-        """The link with the servers at its far end, and those on loopback at the near one."""
-        with contextlib.ExitStack() as stack:
-            slow_link.enter_new_namespace()
-            far = slow_link.open_end(slow_link.FAR_ADDRESS, slow_link.NEAR_ADDRESS)
-            for serving in (one for one in servings if one.delayed):
-                self._start(serving, slow_link.FAR_ADDRESS, stack)
-            slow_link.enter_new_namespace()
-            near = slow_link.open_end(slow_link.NEAR_ADDRESS, slow_link.FAR_ADDRESS)
-            _ended_with(stack, slow_link.start_carrier(near, far, ROUND_TRIP_SECONDS / 2))
-            for serving in (one for one in servings if not one.delayed):
-                self._start(serving, LOOPBACK, stack)
+    def link(self) -> Iterator[None]:
+        """Moves this process to the near end of a link with delay."""
+        slow_link.enter_new_namespace()
+        self._far = slow_link.this_namespace()
+        far = slow_link.open_end(slow_link.FAR_ADDRESS, slow_link.NEAR_ADDRESS)
+        slow_link.enter_new_namespace()
+        self._near = slow_link.this_namespace()
+        near = slow_link.open_end(slow_link.NEAR_ADDRESS, slow_link.FAR_ADDRESS)
+        with _ended(slow_link.start_carrier(near, far, ROUND_TRIP_SECONDS / 2)):
             yield
 
-    def _start(self, serving: Serving, address: str, stack: contextlib.ExitStack) -> None:
-        """Starts one server in the namespace of the moment."""
-        command = [sys.executable, str(HERE / "answering_server.py"), "--address", address]
-        command += ["--size", str(serving.size)]
+    @contextlib.contextmanager
+    def serving(self, serving: Serving) -> Iterator[int]:
+        """Starts a server; its port."""
+        command = [sys.executable, str(HERE / "answering_server.py"), "--size", str(serving.size)]
+        command += ["--address", slow_link.FAR_ADDRESS if serving.delayed else LOOPBACK]
         if serving.tls:
-            command += ["--tls", serving.tls, *_file_options(self._tls)]
+            command += ["--tls", serving.tls, "--certificate", str(self._tls.certificate), "--key", str(self._tls.key)]
         command += ["--compress"] * serving.compress + ["--close"] * serving.close
-        process = subprocess.Popen(command, stdout=subprocess.PIPE)
-        _ended_with(stack, process)
-        assert process.stdout is not None
-        self._ports[serving] = int(process.stdout.readline())
+        namespace = self._far if serving.delayed else self._near
+        process = slow_link.start_in(namespace, command, stdout=subprocess.PIPE)
+        with _ended(process):
+            assert process.stdout is not None
+            yield int(process.stdout.readline())
 
-    def run(self, case: Case, number: int) -> Outcome:
-        """One run of a case."""
+    def measure(self, case: Case, runs: int, parallel: int) -> list[Outcome]:
+        """Runs a case several times."""
+        with self.serving(case.serving) as port, ThreadPoolExecutor(parallel) as pool:
+            return list(pool.map(lambda number: self._run_in_directory(case, port, number), range(runs)))
+
+    def _run_in_directory(self, case: Case, port: int, number: int) -> Outcome:
+        """One run of a case, in a directory of its own."""
         directory = Path(tempfile.mkdtemp(prefix=f"{number}-", dir=self.directory))
         try:
-            return self._run(case, Host(directory))
+            return self._run(case, port, Host(directory))
         finally:
             shutil.rmtree(directory)
 
-    def _run(self, case: Case, host: Host) -> Outcome:
+    def _run(self, case: Case, port: int, host: Host) -> Outcome:
         address = slow_link.FAR_ADDRESS if case.serving.delayed else LOOPBACK
         host.name_address(SERVER_NAME, address)
-        authority = f"{SERVER_NAME if case.by_name else address}:{self._ports[case.serving]}"
+        authority = f"{SERVER_NAME if case.by_name else address}:{port}"
         url = f"http{'s' if case.serving.tls else ''}://{authority}"
         shutil.copy(self.options.counter, host.work / "counter.so")
         environment = {
@@ -181,15 +186,14 @@ class Bench:
         return Outcome(passes, _peak_kib((host.work / "status").read_text()), failure)
 
 
-def _ended_with(stack: contextlib.ExitStack, process: "subprocess.Popen[bytes]") -> None:
-    """Ends the process with the stack."""
-    stack.callback(process.wait)
-    stack.callback(process.kill)
-
-
-def _file_options(files: ServerFiles) -> list[str]:
-    """The server's options that name these files."""
-    return ["--certificate", str(files.certificate), "--key", str(files.key)]
+@contextlib.contextmanager
+def _ended(process: "subprocess.Popen[bytes]") -> Iterator[None]:
+    """Ends the process with the block."""
+    try:
+        yield
+    finally:
+        process.kill()
+        process.wait()
 
 
 def _arguments(case: Case, host: Host, url: str) -> list[str]:
@@ -207,7 +211,7 @@ def _arguments(case: Case, host: Host, url: str) -> list[str]:
     stored.write()
     agent += ["--configfile", str(stored.path)]
     if case.action == "routingtables":
-        return [*agent, "--storagepoolid", "1"]
+        return [*agent, "--storagepoolid", "1", "--agentid", "42"]
     rules = (RULES * (case.rules // len(RULES) + 1))[: case.rules]
     return [*agent, "--dsname", "home", "--dstypeid", "4", "--dsrules", rules]
 
@@ -254,15 +258,12 @@ def main() -> None:
     if options.list:
         print("\n".join(case.whole_label for case in chosen))
         return
-    import os
-
     os.environ["TZREGISTER_BINARY"] = str(options.tool)
-    with tempfile.TemporaryDirectory() as directory, ThreadPoolExecutor(options.parallel) as pool:
+    with tempfile.TemporaryDirectory() as directory:
         bench = Bench(options, Path(directory))
-        with bench.running({case.serving for case in chosen}):
+        with bench.link():
             for case in chosen:
-                outcomes = list(pool.map(lambda number, one=case: bench.run(one, number), range(options.runs)))
-                print(json.dumps(row(case, outcomes)), flush=True)
+                print(json.dumps(row(case, bench.measure(case, options.runs, options.parallel))), flush=True)
 
 
 if __name__ == "__main__":

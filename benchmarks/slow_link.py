@@ -17,7 +17,7 @@ import sys
 import time
 from collections import deque
 from pathlib import Path
-from typing import Deque, Optional
+from typing import Any, Deque, Optional, Sequence
 
 NEAR_ADDRESS = "10.77.0.1"
 FAR_ADDRESS = "10.77.0.2"
@@ -62,10 +62,24 @@ def open_end(address: str, peer: str) -> int:
     return end
 
 
+def this_namespace() -> int:
+    """A descriptor of the network namespace that this process is in."""
+    return os.open("/proc/self/ns/net", os.O_RDONLY)
+
+
+def start(command: Sequence[str], descriptors: Sequence[int] = (), **more: Any) -> "subprocess.Popen[bytes]":
+    """Starts a process that ends when this one does."""
+    return subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *command], pass_fds=descriptors, **more)
+
+
+def start_in(namespace: int, command: Sequence[str], **more: Any) -> "subprocess.Popen[bytes]":
+    """Starts a process in another network namespace."""
+    return start(["nsenter", f"--net=/proc/self/fd/{namespace}", *command], [namespace], **more)
+
+
 def start_carrier(near: int, far: int, delay_seconds: float) -> "subprocess.Popen[bytes]":
     """Starts the process that carries packets both ways, each after the delay."""
-    command = [sys.executable, __file__, str(near), str(far), str(delay_seconds)]
-    return subprocess.Popen(command, pass_fds=(near, far))
+    return start([sys.executable, __file__, str(near), str(far), str(delay_seconds)], [near, far])
 
 
 def _ip(*arguments: str) -> None:
