@@ -23,9 +23,9 @@ def pytest_configure(config: pytest.Config) -> None:
         config.stash[_FOLDER] = config.option.basetemp = tempfile.mkdtemp(prefix="authority-tests-")
 
 
-def pytest_sessionfinish(session: pytest.Session, exitstatus: int) -> None:
+def pytest_sessionfinish(session: pytest.Session) -> None:
     """Leaves nothing behind when every case has passed."""
-    if _FOLDER in session.config.stash and exitstatus == pytest.ExitCode.OK:
+    if _FOLDER in session.config.stash and not session.testsfailed:
         shutil.rmtree(session.config.stash[_FOLDER])
 
 

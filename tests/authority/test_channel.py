@@ -15,7 +15,7 @@ def test_the_pages_answer_over_tls_with_their_own_address(front: Front) -> None:
         {"login": "admin", "passwd": front.authority.password}
         | {"action": "create", "agentid": "0", "configfiletemplateid": "1"}
     )
-    spoofed = {"X-Forwarded-Host": "evil.example", "X-Forwarded-Proto": "http"}
+    spoofed = {"X-Forwarded-Host": "evil.example", "X-Forwarded-Proto": "http", "X-Forwarded-Prefix": "/evil"}
     reply = request(
         f"{front.url}/ws_configfile.php", body, {"Content-Type": content_type, **spoofed}, front.certificate
     )
