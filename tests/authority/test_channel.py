@@ -9,6 +9,8 @@ from harness.authority import Authority, Front, REGISTRATION
 from harness.programs import AUTHORITY
 from harness.web import multipart, request
 
+UNKNOWN_FIELD = 'The request text has a field that its action does not know; no value may hold a "&".'
+
 
 def test_the_pages_answer_over_tls_with_their_own_address(front: Front) -> None:
     body, content_type = multipart(
@@ -61,6 +63,39 @@ def test_the_channel_refuses_with_error_blocks_and_status_0(front: Front) -> Non
         assert (reply.status, reply.headers["X-Quorvex-Status"]) == (200, "0")
         assert refusal(reply.text) == expected
         assert "\nsource: vrmo.php\n" in reply.text
+
+
+def channel_text(action: str, fields: dict[str, str]) -> str:
+    """The request text of an action."""
+    return "&".join([action, *map("=".join, fields.items())])
+
+
+def test_a_field_that_the_action_does_not_know_is_refused(front: Front) -> None:
+    agent = front.authority.register()
+    selection = {"agentid": "1", "dataselection": "a=1&b=2", "dstypeid": "", "name": "n"}
+    registration = {name: value for name, value in REGISTRATION.items() if name != "action"}
+    for action, fields in [
+        ("createDS", selection),
+        ("discover", {"more": ""}),
+        ("register", {**registration, "osextensions": "a&b=c"}),
+        ("register", {**registration, "id": "1"}),
+        ("getRoutingTables", {"storagepoolId": "1&agentid=1"}),
+        ("create", {"agentid": "1", "configfiletemplateid": "1", "keydir": "/keys"}),
+        ("discover", {"": "x"}),
+        ("discover", {"0": "x"}),
+    ]:
+        reply = front.channel(channel_text(action, fields))
+        assert reply.headers["X-Quorvex-Status"] == "0"
+        assert refusal(reply.text) == (6, UNKNOWN_FIELD), (action, fields)
+    assert front.authority.rows("SELECT count(*) FROM dataselections") == [(0,)]
+    assert records(front.authority.ask("storagepool", "agent1", agent["password"], action="discover"))
+
+
+def test_an_unknown_field_is_not_told_to_strangers_and_not_logged(front: Front) -> None:
+    assert refusal(front.channel("discover&hunter=2", passwd="wrong").text) == (3, "Login failed")
+    assert refusal(front.channel("discover&hunter=2").text) == (6, UNKNOWN_FIELD)
+    logged = front.authority.rows("SELECT action, login, fields, outcome FROM requests ORDER BY id")
+    assert logged == [("", "", "", "Login failed"), ("discover", "admin", "", UNKNOWN_FIELD)]
 
 
 def test_malformed_channel_requests_get_status_1(front: Front) -> None:

@@ -2,8 +2,10 @@
 
 from __future__ import annotations
 
-from harness.answers import ONE_LINE
-from harness.authority import Authority
+import pytest
+
+from harness.answers import ONE_LINE, records, refusal
+from harness.authority import Authority, REGISTRATION
 
 
 def test_requests_are_logged_with_their_fields_and_outcome(authority: Authority) -> None:
@@ -32,3 +34,38 @@ def test_requests_are_logged_with_their_fields_and_outcome(authority: Authority)
             "done",
         ),
     ]
+
+
+@pytest.mark.parametrize("failure", ["ABORT", "ROLLBACK"])
+def test_a_request_whose_log_line_cannot_be_written_has_no_effect(authority: Authority, failure: str) -> None:
+    before = authority.register()
+    authority.change(f"""
+        CREATE TRIGGER full BEFORE INSERT ON requests BEGIN SELECT RAISE({failure}, 'no room for the log'); END;
+    """)
+    for host in ("host.example", "new.example"):
+        answer = authority.ask("agent", **{**REGISTRATION, "hostName": host})
+        assert refusal(answer) == (1, "The authority failed; its server.log says why.")
+    assert authority.rows("SELECT id, host_name FROM agents") == [(1, "host.example")]
+    assert (authority.data / "server.log").read_text().count("no room for the log") == 2
+    authority.change("DROP TRIGGER full")
+    assert records(authority.ask("storagepool", "agent1", before["password"], action="discover"))
+
+
+def test_a_refusal_stays_one_when_its_log_line_cannot_be_written(authority: Authority) -> None:
+    authority.change("""
+        CREATE TRIGGER full BEFORE INSERT ON requests BEGIN SELECT RAISE(ABORT, 'no room for the log'); END;
+    """)
+    assert refusal(authority.ask("storagepool", passwd="wrong", action="discover")) == (3, "Login failed")
+    assert "no room for the log" in (authority.data / "server.log").read_text()
+
+
+def test_the_log_keeps_the_last_ten_thousand_requests(authority: Authority) -> None:
+    authority.change("""
+        WITH RECURSIVE number (n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM number WHERE n < 10005)
+        INSERT INTO requests (page, action, login, fields, outcome) SELECT 'old', n, '', '', '' FROM number;
+    """)
+    authority.ask("storagepool", action="discover")
+    authority.ask("storagepool", passwd="wrong", action="discover")
+    assert authority.rows("SELECT count(*), min(id), max(id) FROM requests") == [(10000, 8, 10007)]
+    outcomes = authority.rows("SELECT outcome FROM requests ORDER BY id DESC LIMIT 2")
+    assert outcomes == [("Login failed",), ("done",)]
