@@ -16,6 +16,8 @@ final class StoragePoolActions
     /** Lists the pools to anyone who has an account. */
     public function discover(): \Closure
     {
-        return fn (): string => Answer::data(['id' => 'I', 'name' => 'S'], array_map('array_values', $this->store->pools()));
+        return function (): string {
+            return Answer::data(['id' => 'I', 'name' => 'S'], array_map('array_values', $this->store->pools()));
+        };
     }
 }

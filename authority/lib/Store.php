@@ -75,6 +75,9 @@ final class Store
     /** Opens the file in a data directory; it must be there, made by create(). */
     public static function open(string $directory, bool $readOnly = false): self
     {
+        if (!extension_loaded('pdo_sqlite')) {
+            throw new \RuntimeException('PHP has no SQLite (Debian package php-sqlite3)');
+        }
         $mode = $readOnly ? PDO::SQLITE_OPEN_READONLY : PDO::SQLITE_OPEN_READWRITE;
         $database = new PDO("sqlite:$directory/" . self::FILE, null, null, [
             PDO::SQLITE_ATTR_OPEN_FLAGS => $mode,

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import signal
 import socket
 import stat
@@ -12,7 +13,7 @@ import pytest
 
 from harness.answers import records
 from harness.authority import Authority
-from harness.programs import AUTHORITY, TIMEOUT_S, run, start, stop, wait_until_gone
+from harness.programs import AUTHORITY, TIMEOUT_S, path_without, run, start, stop, wait_until_gone
 
 
 @pytest.mark.parametrize("umask", [0o000, 0o022])
@@ -95,3 +96,34 @@ def test_serve_refuses_a_bad_password_file(tmp_path: Path, content: str, message
     file.write_bytes(content.encode())
     status, printed, errors = run("serve", "--data", tmp_path / "spa", "--passwd-file", file)
     assert (status, printed, errors) == (1, "", f"serve: {message.format(file)}\n")
+
+
+def test_a_second_server_on_the_same_data_refuses_to_start(authority: Authority, tmp_path: Path) -> None:
+    (authority.data / "server.log").write_text("of the first\n")
+    (tmp_path / "alias").symlink_to(authority.data)
+    for data in (authority.data, tmp_path / "alias"):
+        status, printed, errors = run("serve", "--data", data, "--login", "second")
+        assert (status, printed) == (1, "")
+        assert errors == f"serve: another server runs on {data.resolve()}\n"
+    assert authority.rows("SELECT login FROM accounts") == [("admin",)]
+    assert (authority.data / "server.log").read_text() == "of the first\n"
+
+
+def test_data_are_free_again_when_their_server_was_killed(tmp_path: Path) -> None:
+    first, url = start(AUTHORITY / "serve", "--data", tmp_path / "spa")
+    first.kill()
+    first.communicate(timeout=TIMEOUT_S)
+    second, _ = start(AUTHORITY / "serve", "--data", tmp_path / "spa")
+    assert stop(second) == (0, "", "")
+    wait_until_gone(url)
+
+
+@pytest.mark.parametrize("script", ["serve", "show"])
+def test_what_is_not_installed_is_named(tmp_path: Path, script: str) -> None:
+    without_php = {"PATH": path_without("php", tmp_path / "bin")}
+    message = f"{script}: php is not installed (Debian package php-cli)\n"
+    assert run(script, "--data", tmp_path / "spa", environment=without_php) == (1, "", message)
+    # Debian's extensions are loaded by the files of this directory.
+    without_extensions = {"PATH": os.environ["PATH"], "PHP_INI_SCAN_DIR": str(tmp_path)}
+    message = f"{script}: PHP has no SQLite (Debian package php-sqlite3)\n"
+    assert run(script, "--data", tmp_path / "spa", environment=without_extensions) == (1, "", message)

@@ -5,8 +5,10 @@ from __future__ import annotations
 import signal
 from pathlib import Path
 
-from harness.authority import Authority, make_certificate
-from harness.programs import AUTHORITY, TIMEOUT_S, run, start, wait_until_gone
+import pytest
+
+from harness.authority import Authority, Front, make_certificate
+from harness.programs import AUTHORITY, TIMEOUT_S, path_without, run, start, stop, wait_until_gone
 
 
 def test_the_front_ends_with_its_script(authority: Authority, tmp_path: Path) -> None:
@@ -35,3 +37,28 @@ def test_serve_tls_refuses_bad_options(tmp_path: Path) -> None:
     for changes, message in cases:
         words = [word for pair in {**good, **changes}.items() for word in pair]
         assert run("serve-tls", "--data", tmp_path / "tls", *words) == (1, "", f"serve-tls: {message}\n"), changes
+
+
+def test_a_second_front_on_the_same_data_refuses_to_start(front: Front) -> None:
+    folder = front.certificate.parent
+    files = ("--cert", front.certificate, "--key", folder / "key.pem", "--data", folder / "tls")
+    printed = run("serve-tls", *files, "--upstream", "http://127.0.0.1:1")
+    assert printed == (1, "", f"serve-tls: another server runs on {folder}/tls\n")
+    assert "***BEGIN***" in front.channel("discover").text
+
+
+@pytest.mark.parametrize(("program", "package"), [("nginx", "nginx-light"), ("php", "php-cli")])
+def test_a_program_that_is_not_installed_is_named(tmp_path: Path, program: str, package: str) -> None:
+    certificate, key = make_certificate(tmp_path)
+    files = ("--cert", certificate, "--key", key, "--data", tmp_path / "tls")
+    environment = {"PATH": path_without(program, tmp_path / "bin")}
+    printed = run("serve-tls", *files, "--upstream", "http://127.0.0.1:1", environment=environment)
+    assert printed == (1, "", f"serve-tls: {program} is not installed (Debian package {package})\n")
+
+
+def test_nginx_is_found_where_an_ordinary_users_path_does_not_lead(authority: Authority, tmp_path: Path) -> None:
+    certificate, key = make_certificate(tmp_path)
+    files = ("--cert", certificate, "--key", key, "--data", tmp_path / "tls")
+    command = ("env", "PATH=/usr/bin:/bin", AUTHORITY / "serve-tls", *files, "--upstream", authority.url)
+    process, _ = start(*command)
+    assert stop(process) == (0, "", "")

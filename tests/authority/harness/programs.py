@@ -51,6 +51,16 @@ def run(script: str, *arguments: str | Path, environment: Mapping[str, str] | No
     return done.returncode, done.stdout, done.stderr
 
 
+def path_without(program: str, folder: Path) -> str:
+    """A PATH of one new folder that has everything from /usr/bin and /usr/sbin but one program."""
+    folder.mkdir()
+    for source in (*Path("/usr/bin").iterdir(), *Path("/usr/sbin").iterdir()):
+        link = folder / source.name
+        if source.name != program and not link.is_symlink():
+            link.symlink_to(source)
+    return str(folder)
+
+
 def php(code: str, *arguments: str) -> str:
     """What a piece of PHP prints that uses the authority's classes."""
     command = ["php", "-r", f"namespace Quorvex\\Authority; require '{AUTHORITY}/lib/bootstrap.php'; {code}"]
