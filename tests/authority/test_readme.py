@@ -5,10 +5,13 @@ from __future__ import annotations
 import os
 import re
 import subprocess
+from pathlib import Path
+
+import pytest
 
 from harness.answers import HOST
 from harness.authority import Front
-from harness.programs import AUTHORITY
+from harness.programs import AUTHORITY, TIMEOUT_S
 
 PASSWORD = re.compile(r"[A-Za-z0-9_-]{32}")
 
@@ -36,3 +39,23 @@ def test_the_examples_of_the_readme_print_what_it_says(front: Front) -> None:
         printed = done.stdout.replace("\r", "").replace(front.authority.url, "http://127.0.0.1:41741")
         printed = printed.replace(f"server: {HOST}", "server: spa.example")
         assert PASSWORD.sub("PASSWORD", printed) == PASSWORD.sub("PASSWORD", expected), command
+
+
+@pytest.mark.parametrize("scheme", ["vrmo", "https"])
+def test_three_commands_let_the_tool_trust_the_front(front: Front, tmp_path: Path, scheme: str) -> None:
+    readme = (AUTHORITY / "README.md").read_text()
+    [block] = re.findall(r"^```console\n(\$ install .*?)^```$", readme, re.M | re.S)
+    lines = block.splitlines()
+    commands = [line.removeprefix("$ ") for line in lines if line.startswith("$ ")]
+    assert len(commands) == 3
+    data = tmp_path / "spa"
+    (data / "cert.pem").write_bytes(front.certificate.read_bytes())
+    script = "\n".join(["set -e", *commands]).replace("/tmp/spa", str(data))
+    script = script.replace("vrmo://127.0.0.1:43423", front.url.replace("https", scheme))
+    environment = {"PATH": f"{Path(os.environ['TZREGISTER_BINARY']).parent}:/usr/bin:/bin"}
+    done = subprocess.run(
+        ["bash", "-c", script], capture_output=True, text=True, env=environment, timeout=TIMEOUT_S, cwd=tmp_path
+    )
+    assert (done.returncode, done.stdout + done.stderr) == (0, lines[-1] + "\n")
+    pages = front.authority.rows("SELECT page FROM requests")
+    assert pages == [("vrmo.php" if scheme == "vrmo" else "ws_storagepool.php",)]

@@ -47,7 +47,7 @@ def test_a_second_front_on_the_same_data_refuses_to_start(front: Front) -> None:
     assert "***BEGIN***" in front.channel("discover").text
 
 
-@pytest.mark.parametrize(("program", "package"), [("nginx", "nginx-light"), ("php", "php-cli")])
+@pytest.mark.parametrize(("program", "package"), [("nginx", "nginx"), ("php", "php-cli")])
 def test_a_program_that_is_not_installed_is_named(tmp_path: Path, program: str, package: str) -> None:
     certificate, key = make_certificate(tmp_path)
     files = ("--cert", certificate, "--key", key, "--data", tmp_path / "tls")
