@@ -8,7 +8,7 @@ from pathlib import Path
 import pytest
 
 from harness.authority import Authority, Front, make_certificate
-from harness.programs import AUTHORITY, TIMEOUT_S, path_without, run, start, stop, wait_until_gone
+from harness.programs import AUTHORITY, TIMEOUT_S, opened_by_children, path_without, run, start, stop, wait_until_gone
 
 
 def test_the_front_ends_with_its_script(authority: Authority, tmp_path: Path) -> None:
@@ -17,6 +17,7 @@ def test_the_front_ends_with_its_script(authority: Authority, tmp_path: Path) ->
     for number, status in [(signal.SIGTERM, 0), (signal.SIGINT, 0), (signal.SIGKILL, -9)]:
         data = tmp_path / f"tls{number}"
         process, url = start(AUTHORITY / "serve-tls", *files, "--upstream", authority.url, "--data", data)
+        assert data not in opened_by_children(process)
         process.send_signal(number)
         assert process.wait(TIMEOUT_S) == status
         wait_until_gone(url)

@@ -44,6 +44,13 @@ def stop(process: subprocess.Popen[str]) -> tuple[int, str, str]:
     return process.returncode, rest, errors
 
 
+def opened_by_children(process: subprocess.Popen[str]) -> set[Path]:
+    """The files that the children of a script have open; there must be children."""
+    children = Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text().split()
+    assert children
+    return {descriptor.readlink() for child in children for descriptor in Path(f"/proc/{child}/fd").iterdir()}
+
+
 def run(script: str, *arguments: str | Path, environment: Mapping[str, str] | None = None) -> tuple[int, str, str]:
     """Runs a script to its end."""
     command = [str(word) for word in (AUTHORITY / script, *arguments)]
