@@ -19,7 +19,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "end_to_end"))
 
-from answers import agent_answer, config_answer, data_answer, empty_answer, escape, routing_answer  # noqa: E402
+from harness.answers import agent_answer, config_answer, data_answer, empty_answer, escape, routing_answer  # noqa: E402
 
 # Longer than the window of any compression, so that repeating it gains nothing.
 _BLOCK_LINES = 100_000

@@ -27,9 +27,9 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE), str(HERE.parent / "tests" / "end_to_end")]
 
 import slow_link  # noqa: E402
-from credentials import CredentialFile  # noqa: E402
-from sandbox import Host  # noqa: E402
-from tls_files import CertificateAuthority  # noqa: E402
+from harness.credentials import CredentialFile  # noqa: E402
+from harness.sandbox import Host  # noqa: E402
+from harness.tls_files import CertificateAuthority  # noqa: E402
 
 LOOPBACK = "127.0.0.1"
 SERVER_NAME = "authority.example"
