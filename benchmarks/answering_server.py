@@ -19,32 +19,33 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "end_to_end"))
 
-from harness.answers import agent_answer, config_answer, data_answer, empty_answer, escape, routing_answer  # noqa: E402
+from harness.answers import agent_answer, config_answer, data_answer, empty_answer, routing_answer  # noqa: E402
 
-# Longer than the window of any compression, so that repeating it gains nothing.
-_BLOCK_LINES = 100_000
+_LINE_BYTES = len(b"entry00000001=000000000001\\n")
 _VALUE = b"@VALUE@"
 _COMPRESSION_LEVEL = 1
 _VERSIONS = {"1.2": ssl.TLSVersion.TLSv1_2, "1.3": ssl.TLSVersion.TLSv1_3}
 
 
-def filler(size: int) -> bytes:
-    """About this many bytes of a configuration file, escaped; they compress as such files do."""
+def lines(size: int) -> bytes:
+    """About this many bytes of a configuration file, in whole lines, which compress as such files do."""
     numbers = random.Random(size)
-    lines = (b"entry%06d=%d" % (line, numbers.randrange(10**12)) for line in range(_BLOCK_LINES))
-    block = escape(b"[numbers]\n" + b"\n".join(lines) + b"\n")
-    return (block * (size // len(block) + 1))[:size].rstrip(b"\\")
+    text = [b"[numbers]"]
+    text += [b"entry%08d=%012d" % (line, numbers.randrange(10**12)) for line in range(size // _LINE_BYTES)]
+    return b"\n".join(text) + b"\n"
 
 
 def answers(size: int) -> dict[str, bytes]:
     """Each page's answer; the value that an action is after has `size` bytes."""
-    text = filler(size)
-    half = filler(size // 2)
+    text = lines(size).replace(b"\n", rb"\n")
+    half = text[: size // 2]
+    one_value = rb"[numbers]\nvalue=" + b"x" * size
     return {
         "/ws_storagepool.php": data_answer([("returnvalue", "S")], [[_VALUE]]).replace(_VALUE, text),
         "/ws_agent.php": agent_answer(),
         "/ws_agent.php getRoutingTables": routing_answer(_VALUE, _VALUE).replace(_VALUE, half),
         "/ws_configfile.php": config_answer(_VALUE).replace(_VALUE, text),
+        "/one_value/ws_configfile.php": config_answer(_VALUE).replace(_VALUE, one_value),
         "/ws_dataselection.php": empty_answer(),
     }
 

@@ -62,6 +62,7 @@ class Case:
     action: str = "discover"
     by_name: bool = False
     rules: int = 0
+    below: str = ""
 
     @property
     def whole_label(self) -> str:
@@ -106,6 +107,10 @@ def link_cases(delayed: bool) -> list[Case]:
         Case("10 MB answer, compressed, HTTPS", serving(10 * MEGABYTE, compress=True, **tls_13)),
         *(Case(f"{size} MB of routing tables", serving(size * MEGABYTE), "routingtables") for size in (1, 10, 60, 200)),
         *(Case(f"{size} MB configuration file", serving(size * MEGABYTE), "configfile") for size in (1, 10, 60, 200)),
+        *(
+            Case(f"{size} MB configuration file of one value", serving(size * MEGABYTE), "configfile", below="/one_value")
+            for size in (1, 10, 60, 200)
+        ),
     ]
 
 
@@ -165,7 +170,7 @@ class Bench:
     def _run(self, case: Case, port: int, host: Host) -> Outcome:
         address = slow_link.FAR_ADDRESS if case.serving.delayed else LOOPBACK
         host.name_address(SERVER_NAME, address)
-        authority = f"{SERVER_NAME if case.by_name else address}:{port}"
+        authority = f"{SERVER_NAME if case.by_name else address}:{port}{case.below}"
         url = f"http{'s' if case.serving.tls else ''}://{authority}"
         shutil.copy(self.options.counter, host.work / "counter.so")
         environment = {

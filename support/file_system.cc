@@ -33,7 +33,7 @@ FilePtr OpenForWriting(const std::string& path, FilePrivacy privacy) {
   return file;
 }
 
-bool WriteText(const std::string& text, std::FILE* file) {
+bool WriteText(std::string_view text, std::FILE* file) {
   return std::fwrite(text.data(), 1, text.size(), file) == text.size();
 }
 

@@ -2,6 +2,7 @@
 #define SUPPORT_FILE_SYSTEM_H_
 
 #include <string>
+#include <string_view>
 
 #include "support/handle.h"
 
@@ -23,7 +24,7 @@ enum class FilePrivacy {
 FilePtr OpenForWriting(const std::string& path, FilePrivacy privacy);
 
 /// Writes all of `text` to `file`; false when less was taken.
-bool WriteText(const std::string& text, std::FILE* file);
+bool WriteText(std::string_view text, std::FILE* file);
 
 /// Closes `file`; false when writing out what was buffered, or closing, failed.
 bool CloseFile(FilePtr file);
