@@ -1,7 +1,7 @@
 """How many passes of the wait loop, and how much memory, a run takes.
 
     passes.py --tool build/release/tzregister --counter build/release/libpass_counter.so
-              [--runs N] [--only TEXT] [--list] [--receive-max BYTES]
+              [--runs N] [--only TEXT] [--list] [--own-windows]
 
 Each case runs the real tool against a server of its own, on loopback or over a
 link with a round trip of 20 ms. Needs root and /dev/net/tun for the link.
@@ -131,10 +131,10 @@ class Bench:
     @contextlib.contextmanager
     def link(self) -> Iterator[None]:
         """Moves this process to the near end of a link with delay."""
-        slow_link.enter_new_namespace()
+        slow_link.enter_new_namespace(self.options.own_windows)
         self._far = slow_link.this_namespace()
         far = slow_link.open_end(slow_link.FAR_ADDRESS, slow_link.NEAR_ADDRESS)
-        slow_link.enter_new_namespace()
+        slow_link.enter_new_namespace(self.options.own_windows)
         self._near = slow_link.this_namespace()
         near = slow_link.open_end(slow_link.NEAR_ADDRESS, slow_link.FAR_ADDRESS)
         with _ended(slow_link.start_carrier(near, far, ROUND_TRIP_SECONDS / 2)):
@@ -180,8 +180,6 @@ class Bench:
         }
         if not case.serving.delayed:
             environment["PASS_SLEEP_MS"] = LOOPBACK_SLEEP_MS
-        if self.options.receive_max:
-            environment["PASS_RECEIVE_MAX"] = str(self.options.receive_max)
         with open(host.work / "stdout", "wb") as stdout:
             result = host.run(
                 *_arguments(case, host, url), environment=environment, stdout=stdout, time_limit=TIME_LIMIT_SECONDS
@@ -252,7 +250,7 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--only", action="append", default=[], help="cases whose names hold this text")
     parser.add_argument("--list", action="store_true", help="name the cases and end")
     parser.add_argument("--parallel", type=int, default=5, help="runs of a case at the same time")
-    parser.add_argument("--receive-max", type=int, default=0, help="as if net.core.rmem_max were this")
+    parser.add_argument("--own-windows", action="store_true", help="TCP's windows as this machine has them")
     return parser.parse_args()
 
 

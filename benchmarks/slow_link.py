@@ -41,12 +41,15 @@ class LinkError(Exception):
     """This machine or this user cannot make the link."""
 
 
-def enter_new_namespace() -> None:
-    """Moves this process into a network namespace of its own, with loopback up."""
+def enter_new_namespace(own_windows: bool = False) -> None:
+    """Moves this process into a network namespace of its own, with loopback up.
+
+    TCP's windows are those of an untouched Debian, or as this machine has them.
+    """
     if ctypes.CDLL(None, use_errno=True).unshare(_CLONE_NEWNET) != 0:
         raise LinkError(f"no network namespace can be made (root is needed): {os.strerror(ctypes.get_errno())}")
     _ip("link", "set", "lo", "up")
-    for name, value in _KERNEL_SETTINGS.items():
+    for name, value in () if own_windows else _KERNEL_SETTINGS.items():
         Path("/proc/sys/net/ipv4", name).write_text(value, encoding="ascii")
 
 

@@ -278,7 +278,7 @@ TEST(ParseAnswerError, DropsEverythingBehindTheDescription) {
 
 /// Reads `bytes`, zero bytes and all, the way a received answer is read.
 CapturedCall ParseReceived(std::string bytes, RecordSet* records) {
-  WebService ws;
+  WebService ws{Network()};
   WebService::data_callback(bytes.data(), 1, bytes.size(), &ws.buffer);
   const CapturedCall parse = storage::testing::Captured([&] { return ws.parse(records); });
   EXPECT_EQ(std::string(ws.buffer.data, ws.buffer.size), bytes);
@@ -305,7 +305,7 @@ TEST(WebServiceParse, ReadsNothingBehindTheFirstZeroByte) {
 
 TEST(WebServiceParse, RefusesAnAnswerWithoutBytesSilently) {
   RecordSet records;
-  const WebService ws;
+  const WebService ws{Network()};
   const CapturedCall parse = storage::testing::Captured([&] { return ws.parse(&records); });
   EXPECT_EQ(parse.result, -1);
   EXPECT_EQ(parse.out + parse.err, "");
@@ -314,7 +314,7 @@ TEST(WebServiceParse, RefusesAnAnswerWithoutBytesSilently) {
 
 TEST(WebServiceParse, ReportsThatThereIsNoMemoryForItsCopy) {
   std::string answer = "***BEGIN***\n1\na\nS\n" + std::string(1 << 20, 'x') + "\n";
-  WebService ws;
+  WebService ws{Network()};
   WebService::data_callback(answer.data(), 1, answer.size(), &ws.buffer);
   RecordSet records;
   const CapturedCall parse = storage::testing::Captured([&] {

@@ -40,7 +40,7 @@ constexpr char kCallFailed[] = "6/7 WSCataProxy: WebService call failed";
 
 /// A proxy over `arguments`, and a request that it is to set up.
 struct Preparation {
-  explicit Preparation(const std::vector<std::string>& arguments) : proxy(Options(arguments)) {}
+  explicit Preparation(const std::vector<std::string>& arguments) : proxy(Options(arguments), Network()) {}
 
   Outcome Prepare() {
     return OutcomeOf([&] { proxy.PPrepareWebService(&ws, "ws_page.php"); });
@@ -51,7 +51,7 @@ struct Preparation {
   }
 
   WSCataProxy proxy;
-  WebService ws;
+  WebService ws{Network()};
 };
 
 void ExpectSuccess(const Outcome& outcome) {
@@ -102,7 +102,7 @@ TEST(PPrepareWebService, AppendsThePageUnlessTheAddressIsTheChannels) {
 }
 
 TEST(PPrepareWebService, RefusesAMissingRequestBeforeItReadsAnything) {
-  const WSCataProxy proxy(Options({"--passwdfile", "/nonexistent/passwd"}));
+  const WSCataProxy proxy(Options({"--passwdfile", "/nonexistent/passwd"}), Network());
   ExpectFailure(OutcomeOf([&] { proxy.PPrepareWebService(nullptr, "ws_page.php"); }),
                 "16/7 WSCataProxy: missing ws", "");
 }
@@ -255,10 +255,10 @@ TEST(StoredCredentials, CountAsNoneWithoutAUrl) {
 }
 
 TEST(StoredCredentials, ServeEveryCall) {
-  WSCataProxy proxy(Options({}));
+  WSCataProxy proxy(Options({}), Network());
   proxy.StoreCredentials("http://stored", "l", support::Secret("stored-pw"), "k");
   for (int call = 0; call < 2; ++call) {
-    WebService ws;
+    WebService ws{Network()};
     proxy.PPrepareWebService(&ws, "p");
     EXPECT_EQ(ws.fields["passwd"], "stored-pw");
   }
@@ -266,7 +266,7 @@ TEST(StoredCredentials, ServeEveryCall) {
 
 TEST(StoredCredentials, LeaveNoPasswordBehindWhenTheProxyGoes) {
   const std::string secret = "a stored password, too long to lie in an object";
-  auto proxy = std::make_unique<WSCataProxy>(Options({}));
+  auto proxy = std::make_unique<WSCataProxy>(Options({}), Network());
   proxy->StoreCredentials("http://stored", "l", support::Secret("earlier"), "k");
   const FreedTextWatch watch(secret);
   proxy->StoreCredentials("http://stored", "l", support::Secret(secret), "k");

@@ -45,6 +45,7 @@ _NOT_ALLOWED = (
 
 _HOSTS = "127.0.0.1 localhost\n"
 _NAME_SERVICE = "passwd: files\ngroup: files\nhosts: files\n"
+_ALL_ADDRESSES_OF_A_NAME = "multi on\n"
 
 
 @dataclass(frozen=True)
@@ -121,6 +122,7 @@ class Host:
             made.mkdir(parents=True)
         (self._files / "hosts").write_text(_HOSTS)
         (self._files / "nsswitch.conf").write_text(_NAME_SERVICE)
+        (self._files / "host.conf").write_text(_ALL_ADDRESSES_OF_A_NAME)
 
     def install_registry(self, text: bytes) -> None:
         """Gives the machine a "/etc/qxregistry.cfg" with this text."""
@@ -219,7 +221,7 @@ class Host:
         options: list[str] = []
         for name in _SHARED_ETC:
             options += ["--ro-bind-try", f"/etc/{name}", f"/etc/{name}"]
-        for name in ("hosts", "nsswitch.conf"):
+        for name in ("hosts", "nsswitch.conf", "host.conf"):
             options += ["--ro-bind", str(self._files / name), f"/etc/{name}"]
         options += ["--ro-bind", str(self._ssl), "/etc/ssl"]
         options += ["--bind", str(self.etc_quorvex), "/etc/quorvex"]

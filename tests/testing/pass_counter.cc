@@ -4,16 +4,12 @@
 //   PASS_PEAK_FILE    if set, gets the process's account of its memory when it ends
 //   PASS_SLEEP_MS     if set, what each pause takes instead of its seconds; of use on loopback
 //                     alone, where nothing that a pause waits for takes longer
-//   PASS_RECEIVE_MAX  if set, the most bytes that SO_RCVBUF may ask for, as net.core.rmem_max of
-//                     another machine would have it
 
 #include <curl/curl.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 
@@ -57,16 +53,6 @@ unsigned sleep(unsigned seconds) {
   if (milliseconds == nullptr) return Hidden(&sleep, "sleep")(seconds);
   usleep(static_cast<useconds_t>(std::atoi(milliseconds)) * 1000);
   return 0;
-}
-
-int setsockopt(int socket, int level, int option, const void* value, socklen_t size) noexcept {
-  const char* const most = std::getenv("PASS_RECEIVE_MAX");
-  int bytes = 0;
-  if (most != nullptr && level == SOL_SOCKET && option == SO_RCVBUF && size == sizeof(bytes)) {
-    bytes = std::min(*static_cast<const int*>(value), std::atoi(most));
-    value = &bytes;
-  }
-  return Hidden(&setsockopt, "setsockopt")(socket, level, option, value, size);
 }
 
 }  // extern "C"
