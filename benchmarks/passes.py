@@ -1,7 +1,7 @@
 """How many passes of the wait loop, and how much memory, a run takes.
 
-    passes.py --tool build/release/tzregister --counter build/release/libpass_counter.so
-              [--runs N] [--only TEXT] [--list] [--own-windows]
+    passes.py --tool build/release/tzregister [--runs N] [--parallel N]
+              [--only TEXT] [--list] [--own-windows]
 
 Each case runs the real tool against a server of its own, on loopback or over a
 link with a round trip of 20 ms. Needs root and /dev/net/tun for the link.
@@ -27,6 +27,7 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE), str(HERE.parent / "tests" / "end_to_end")]
 
 import slow_link  # noqa: E402
+from harness.counted_run import run_counted  # noqa: E402
 from harness.credentials import CredentialFile  # noqa: E402
 from harness.sandbox import Host  # noqa: E402
 from harness.tls_files import CertificateAuthority  # noqa: E402
@@ -39,6 +40,7 @@ ROUND_TRIP_SECONDS = 0.020
 LOOPBACK_SLEEP_MS = "300"
 TIME_LIMIT_SECONDS = 150.0
 MEGABYTE = 1_000_000
+MEBIBYTE = 1 << 20
 RULES = "include /home/some/directory\n"
 
 
@@ -75,7 +77,7 @@ class Outcome:
     """What one run took."""
 
     passes: int
-    peak_kib: int
+    peak_bytes: int
     failure: str = ""
 
 
@@ -172,21 +174,13 @@ class Bench:
         host.name_address(SERVER_NAME, address)
         authority = f"{SERVER_NAME if case.by_name else address}:{port}{case.below}"
         url = f"http{'s' if case.serving.tls else ''}://{authority}"
-        shutil.copy(self.options.counter, host.work / "counter.so")
-        environment = {
-            "LD_PRELOAD": str(host.work / "counter.so"),
-            "PASS_COUNT_FILE": str(host.work / "passes"),
-            "PASS_PEAK_FILE": str(host.work / "status"),
-        }
-        if not case.serving.delayed:
-            environment["PASS_SLEEP_MS"] = LOOPBACK_SLEEP_MS
+        environment = {} if case.serving.delayed else {"PASS_SLEEP_MS": LOOPBACK_SLEEP_MS}
         with open(host.work / "stdout", "wb") as stdout:
-            result = host.run(
-                *_arguments(case, host, url), environment=environment, stdout=stdout, time_limit=TIME_LIMIT_SECONDS
+            run = run_counted(
+                host, *_arguments(case, host, url), environment=environment, stdout=stdout, time_limit=TIME_LIMIT_SECONDS
             )
-        passes = (host.work / "passes").stat().st_size
-        failure = "" if result.status == 0 else result.stderr.decode(errors="replace").splitlines()[0]
-        return Outcome(passes, _peak_kib((host.work / "status").read_text()), failure)
+        failure = "" if run.result.status == 0 else run.result.stderr.decode(errors="replace").splitlines()[0]
+        return Outcome(run.passes, run.peak_bytes, failure)
 
 
 @contextlib.contextmanager
@@ -219,17 +213,11 @@ def _arguments(case: Case, host: Host, url: str) -> list[str]:
     return [*agent, "--dsname", "home", "--dstypeid", "4", "--dsrules", rules]
 
 
-def _peak_kib(status: str) -> int:
-    """The peak memory in a process's own account."""
-    line = next(line for line in status.splitlines() if line.startswith("VmHWM:"))
-    return int(line.split()[1])
-
-
 def row(case: Case, outcomes: list[Outcome]) -> dict[str, object]:
     """What the runs of a case come to."""
     passes = [outcome.passes for outcome in outcomes]
     failures = [outcome.failure for outcome in outcomes if outcome.failure]
-    peak_mib = max(outcome.peak_kib for outcome in outcomes) / 1024
+    peak_mib = max(outcome.peak_bytes for outcome in outcomes) / MEBIBYTE
     return {
         "case": case.whole_label,
         "usual": statistics.mode(passes),
@@ -245,7 +233,6 @@ def parse_arguments() -> argparse.Namespace:
     """The command line."""
     parser = argparse.ArgumentParser()
     parser.add_argument("--tool", type=Path)
-    parser.add_argument("--counter", type=Path)
     parser.add_argument("--runs", type=int, default=1)
     parser.add_argument("--only", action="append", default=[], help="cases whose names hold this text")
     parser.add_argument("--list", action="store_true", help="name the cases and end")
