@@ -9,8 +9,8 @@ from typing import Iterator
 
 import pytest
 
-from authority import Authority, running_authority
-from sandbox import Host
+from harness.authority import Authority, running_authority
+from harness.sandbox import Host
 
 
 def pytest_configure() -> None:

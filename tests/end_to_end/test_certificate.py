@@ -12,11 +12,11 @@ import pytest
 from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.asymmetric import rsa
 
-import der
-from credentials import CredentialFile
-from messages import NO_REGISTRY, bad_combination, completed, executable_path, failed
-from passwords import KEY_FILE
-from sandbox import EXIT_FAILURE, Host, Result
+from harness import der
+from harness.credentials import CredentialFile
+from harness.messages import NO_REGISTRY, bad_combination, completed, executable_path, failed
+from harness.passwords import KEY_FILE
+from harness.sandbox import EXIT_FAILURE, Host, Result
 
 SERVER_NAME = "spa.quorvex.example"
 MD5_WITH_RSA = "1.2.840.113549.1.1.4"

@@ -8,9 +8,9 @@ from typing import Optional, Sequence
 
 import pytest
 
-from answers import agent_answer, data_answer, empty_answer, error_answer
-from authority import LOGIN, Authority
-from messages import (
+from harness.answers import agent_answer, data_answer, empty_answer, error_answer
+from harness.authority import LOGIN, Authority
+from harness.messages import (
     BAD_PASSWORD_FILE,
     NETWORK_ERROR,
     NO_CREDENTIALS,
@@ -20,8 +20,8 @@ from messages import (
     error_returned,
     failed,
 )
-from raw_server import RawServer, Reply, http_answer, refusing_port
-from sandbox import EXIT_FAILURE, Host, Result
+from harness.raw_server import RawServer, Reply, http_answer, refusing_port
+from harness.sandbox import EXIT_FAILURE, Host, Result
 
 SUCCESS = Result(0, b"", completed("discover"))
 

@@ -10,10 +10,10 @@ from typing import Callable
 
 import pytest
 
-from answers import agent_answer, config_answer, data_answer, empty_answer, error_answer
-from messages import NETWORK_ERROR, NOT_PARSED, TIMED_OUT, call_failed, completed, error_returned, written_to
-from raw_server import RawServer, Reply, http_answer
-from sandbox import EXIT_FAILURE, Host, Result
+from harness.answers import agent_answer, config_answer, data_answer, empty_answer, error_answer
+from harness.messages import NETWORK_ERROR, NOT_PARSED, TIMED_OUT, call_failed, completed, error_returned, written_to
+from harness.raw_server import RawServer, Reply, http_answer
+from harness.sandbox import EXIT_FAILURE, Host, Result
 
 SUCCESS = Result(0, b"", completed("discover"))
 MEGABYTE = 1 << 20

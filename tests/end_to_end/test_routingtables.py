@@ -7,10 +7,10 @@ from typing import Optional, Sequence
 
 import pytest
 
-from answers import data_answer, empty_answer, error_answer, routing_answer
-from authority import Authority
-from credentials import CredentialFile
-from messages import (
+from harness.answers import data_answer, empty_answer, error_answer, routing_answer
+from harness.authority import Authority
+from harness.credentials import CredentialFile
+from harness.messages import (
     NETWORK_ERROR,
     NO_RECORDS,
     NO_REGISTRY,
@@ -21,11 +21,11 @@ from messages import (
     executable_path,
     failed,
 )
-from passwords import KEY_FILE, MASK, encrypt
-from raw_server import RawServer, Request, http_answer
-from round_trip import ACCOUNTS, provision
-from sandbox import EXIT_FAILURE, Host, Result
-from templates import stored_option
+from harness.passwords import KEY_FILE, MASK, encrypt
+from harness.raw_server import RawServer, Request, http_answer
+from harness.round_trip import ACCOUNTS, provision
+from harness.sandbox import EXIT_FAILURE, Host, Result
+from harness.templates import stored_option
 
 KEY = b"the host's key file"
 RECOMMENDED = "# recommended\n0000-ffff\tcr01|10082\\x\r\nend"

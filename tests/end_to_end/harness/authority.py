@@ -11,11 +11,11 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Iterator, Mapping, Optional, Sequence
 
-from raw_server import multipart
+from harness.raw_server import multipart
 
 LOGIN = "admin"
 
-_PROGRAMS = Path(__file__).resolve().parents[2] / "authority"
+_PROGRAMS = Path(__file__).resolve().parents[3] / "authority"
 _START_LIMIT_SECONDS = 30.0
 _STOP_LIMIT_SECONDS = 15.0
 _BOUNDARY = "--------boundary-of-the-test"
