@@ -409,12 +409,12 @@ def a_lost_key_file(stage: Stage) -> Provoked:
 
 
 @provokes(LOGIN_FAILED)
-def a_configuration_file_fetched_over_the_registered_one(stage: Stage) -> Provoked:
+def a_second_registration_that_went_wrong(stage: Stage) -> Provoked:
     with running_authority(stage.directory / "authority") as authority:
         registered_with(stage, authority.url, authority.password_file)
         account = ("--url", authority.url, "--login", "admin", "--passwdfile", "admin.passwd")
-        stage.run("", *CONFIG, "--agentid", "1", *account, "--todisk")
-        (stage.host.work / "keys" / KEY_FILE).unlink()
+        again = stage.run("", *REGISTER, "--agentid", "1", *account, "--todisk", "--file", "/nowhere/a.cfg")
+        assert again.result.status == EXIT_FAILURE
         return stage.run(LOGIN_FAILED, *SELECTION)
 
 
@@ -530,6 +530,15 @@ def a_template_without_a_key_directory(stage: Stage) -> Provoked:
 def another_key_file(stage: Stage) -> Provoked:
     stage.credentials(keydir=stage.key(), passwd="qx1.changed")
     return stage.run("Failed to decrypt password for user agent_42", *SELECTION)
+
+
+@provokes("Failed to decrypt password for user <login>")
+def a_configuration_file_fetched_over_the_registered_one(stage: Stage) -> Provoked:
+    with running_authority(stage.directory / "authority") as authority:
+        registered_with(stage, authority.url, authority.password_file)
+        account = ("--url", authority.url, "--login", "admin", "--passwdfile", "admin.passwd")
+        assert stage.run("", *CONFIG, "--agentid", "1", *account, "--todisk").result.status == 0
+    return stage.run("Failed to decrypt password for user agent1", *SELECTION)
 
 
 def register_at(stage: Stage, message: str, *arguments: str, password: str = "s3cret") -> Provoked:

@@ -55,6 +55,7 @@ def _entry(text: str) -> Entry:
     heading, *lines = text.partition("\n## ")[0].rstrip("\n").split("\n")
     entry = Entry(heading[1:-1])
     assert heading == f"`{entry.message}`", heading
+    name = ""
     for line in filter(None, lines):
         if line.startswith("  - "):
             entry.lists[name].append(line[4:])
