@@ -254,8 +254,9 @@ def no_action(stage: Stage) -> Provoked:
 @provokes(CAUGHT)
 def a_shortened_option(stage: Stage) -> Provoked:
     run = stage.run("", "discover", "--agent", "1")
-    found = re.match(r"Exception is caught option '--agent' is ambiguous and matches [^\n]*", run.result.stderr.decode())
-    assert found
+    ambiguous = r"Exception is caught option '--agent' is ambiguous and matches [^\n]*"
+    found = re.match(ambiguous, run.result.stderr.decode())
+    assert found, run.result.stderr
     return Provoked(run.action, run.result, found[0])
 
 
