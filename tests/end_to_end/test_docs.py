@@ -10,12 +10,12 @@ from typing import Sequence
 
 import pytest
 
-from answers import config_answer
-from authority import Authority
-from messages import completed
-from raw_server import RawServer, http_answer
-from sandbox import EXIT_FAILURE, Host, Result
-from tls_files import CertificateAuthority
+from harness.answers import config_answer
+from harness.authority import Authority
+from harness.messages import completed
+from harness.raw_server import RawServer, http_answer
+from harness.sandbox import EXIT_FAILURE, Host, Result
+from harness.tls_files import CertificateAuthority
 
 _ROOT = Path(__file__).resolve().parents[2]
 _DOCS = _ROOT / "docs"
