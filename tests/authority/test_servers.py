@@ -89,7 +89,7 @@ def nginx(folder: Path, location: str) -> Iterator[None]:
             {location}
           }}
         }}""")
-    command = ("/usr/sbin/nginx", "-p", f"{folder}/", "-e", "nginx.log", "-c", "nginx.conf")
+    command = ("nginx", "-p", f"{folder}/", "-e", "nginx.log", "-c", "nginx.conf")
     with running(*command, until=folder / "https.sock"):
         yield
 
