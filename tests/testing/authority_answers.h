@@ -4,8 +4,12 @@
 #include <string>
 
 #include "tests/testing/fake_network.h"
+#include "tests/testing/outcome.h"
 
 namespace corvel::storage::testing {
+
+/// The failure of every call that the authority did not answer with a table.
+inline const Thrown kCallFailed{6, 7, "WSCataProxy", "WebService call failed"};
 
 /// An answer with one record: column names, types and escaped values, each with
 /// bars between.
