@@ -131,7 +131,8 @@ TEST_F(RealMainDeathTest, InitialisesTheSupportLibraryBeforeAnythingElse) {
     const rlimit some = {1, 1};
     if (setrlimit(RLIMIT_CORE, &some) != 0) _exit(1);
     std::signal(SIGPIPE, SIG_DFL);
-    Run({"--bogus"});
+    CommandLine line({"--bogus"});
+    RealMain(line.argc(), line.argv(), {network.network, &host});
     if (std::signal(SIGPIPE, SIG_IGN) != SIG_IGN) _exit(2);
     rlimit core = some;
     _exit(getrlimit(RLIMIT_CORE, &core) == 0 && core.rlim_cur == 0 ? 0 : 3);

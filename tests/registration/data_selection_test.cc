@@ -101,7 +101,8 @@ TEST_F(CreateDataSelectionTest, RefusesAnEmptyNameBeforeItLooksAtTypeAndRules) {
 TEST_F(CreateDataSelectionTest, ReportsTheCredentialFileFirst) {
   file = directory.File("missing.cfg");
   ExpectFailure(Create(&agent, "", "", "x"),
-                {16, 7, "Registrator", "Failed to load from file " + file + "\n"});
+                {16, 7, "Registrator", "Failed to load from file " + file + "\n"},
+                "Failed to open input file:" + file + "\n");
   file = directory.Write("agent.cfg", "[spa]\nurl=u\n[systemaccount]\nlogin=l\n");
   ExpectFailure(Create(&agent, "", "", "x"),
                 {16, 7, "Registrator", "Failed to load passwd from file\n"});

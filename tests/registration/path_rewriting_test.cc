@@ -304,12 +304,12 @@ TEST(ReplacePathsInConfigFile, FailsForStreamsThatAreNotGood) {
   };
   bad.setstate(std::ios::badbit);
   const Outcome unread = call(&bad);
-  ExpectFailure(unread, {16, 7, "Registrator", "Failed to load from input stream "});
-  EXPECT_EQ(unread.err, "Failed to open input file:\n");
+  ExpectFailure(unread, {16, 7, "Registrator", "Failed to load from input stream "},
+                "Failed to open input file:\n");
   out.setstate(std::ios::badbit);
   const Outcome unwritten = call(&good);
-  ExpectFailure(unwritten, {16, 7, "Registrator", "Failed to dump to output stream "});
-  EXPECT_EQ(unwritten.err, "Failed to open file: \n");
+  ExpectFailure(unwritten, {16, 7, "Registrator", "Failed to dump to output stream "},
+                "Failed to open file: \n");
 }
 
 constexpr char kAccountTemplate[] = "[systemaccount]\n# who\nlogin=l\npasswd=p\n[paths]\nlog=/l\n";
