@@ -15,13 +15,11 @@ namespace {
 
 using namespace storage::testing;
 
-using Words = std::vector<std::string>;
-
 /// The two names, and the failure if there was one.
 struct Names {
   std::string first = "old first";
   std::string second = "old second";
-  std::string failure;
+  Thrown failure;
 };
 
 bool operator==(const Names& a, const Names& b) {
@@ -51,7 +49,7 @@ Names NamesFor(const Words& arguments, const std::string& configFile = "",
 
 Names Refused(int severity, const std::string& description) {
   Names names;
-  names.failure = "16/" + std::to_string(severity) + " Registrator: " + description;
+  names.failure = {16, severity, "Registrator", description};
   return names;
 }
 
@@ -151,16 +149,14 @@ TEST(FilenamesFromArguments, RefusesEveryOtherCombination) {
 TEST(FilenamesFromArguments, NeedsBothOutputsBeforeAnythingElse) {
   ScriptedRegistrator test(Words{});
   std::string name = "old";
-  const std::string expected = "16/5 Registrator: filename1 or filename2 is missing\n";
+  const Thrown expected{16, 5, "Registrator", "filename1 or filename2 is missing\n"};
   Registrator& registrator = test.registrator;
-  EXPECT_EQ(OutcomeOf([&] {
-              registrator.FilenamesFromArguments(&name, nullptr, "d", "", "", "");
-            }).failure,
-            expected);
-  EXPECT_EQ(OutcomeOf([&] {
-              registrator.FilenamesFromArguments(nullptr, &name, "d", "", "", "");
-            }).failure,
-            expected);
+  ExpectFailure(
+      OutcomeOf([&] { registrator.FilenamesFromArguments(&name, nullptr, "d", "", "", ""); }),
+      expected);
+  ExpectFailure(
+      OutcomeOf([&] { registrator.FilenamesFromArguments(nullptr, &name, "d", "", "", ""); }),
+      expected);
   EXPECT_EQ(name, "old");
 }
 
