@@ -225,6 +225,7 @@ TEST(CurlTransfer, CleansUpWhenItGoesBeforeItsEnd) {
 }
 
 TEST(CurlTransfer, CleansUpAsItFinishes) {
+  const CurlDouble curl;
   const std::ptrdiff_t before = OpenDescriptors();
   WebServiceBuffer answer;
   const auto transfer = HttpTransport::System().Start(RequestFor("nosuchscheme://host/"), &answer);
