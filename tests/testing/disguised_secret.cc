@@ -5,11 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <iterator>
 #include <random>
-#include <sstream>
-#include <utility>
 
 namespace corvel::storage::testing {
 namespace {
@@ -21,6 +20,7 @@ constexpr std::uint64_t kDisguiseWord = 0x9595959595959595;
 /// stores its data in is not.
 constexpr std::uintptr_t kLargestMapping = std::uintptr_t{4} << 30;
 
+constexpr std::size_t kMostPieces = 16;
 constexpr std::size_t kSparedStackBytes = std::size_t{64} << 10;
 
 /// Where the process can write.
@@ -29,25 +29,44 @@ struct Mapping {
   std::uintptr_t end = 0;
 };
 
-/// The mapping that a line of /proc/self/maps tells of; an empty one for memory
-/// that cannot be read and written.
-Mapping WritableMapping(const std::string& line) {
-  std::istringstream words(line);
-  Mapping mapping;
-  char dash = '\0';
-  std::string access;
-  words >> std::hex >> mapping.begin >> dash >> mapping.end >> access;
-  const bool writable = access.rfind("rw", 0) == 0;
-  return writable && mapping.end - mapping.begin <= kLargestMapping ? mapping : Mapping();
-}
+/// The list of mappings, read without a block from the heap: it could be the very
+/// one that a copy was left in.
+class MappingList {
+ public:
+  MappingList() {
+    const int file = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    std::size_t used = 0;
+    ssize_t count = 0;
+    do {
+      used += static_cast<std::size_t>(count);
+      count = read(file, text_ + used, sizeof(text_) - 1 - used);
+    } while (count > 0);
+    close(file);
+    text_[used] = '\0';
+    EXPECT_GT(used, 0U);
+    EXPECT_LT(used, sizeof(text_) - 1);
+  }
 
-std::vector<Mapping> WritableMappings() {
-  std::ifstream maps("/proc/self/maps");
-  EXPECT_TRUE(maps.is_open());
-  std::vector<Mapping> mappings;
-  for (std::string line; std::getline(maps, line);) mappings.push_back(WritableMapping(line));
-  return mappings;
-}
+  /// Takes the next mapping off the list that can be read and written.
+  bool Next(Mapping* mapping) {
+    while (*next_ != '\0') {
+      char* text = next_;
+      mapping->begin = std::strtoull(text, &text, 16);
+      mapping->end = std::strtoull(text + 1, &text, 16);
+      next_ = std::strchr(text, '\n') + 1;
+      if (std::strncmp(text, " rw", 3) == 0 && mapping->end - mapping->begin <= kLargestMapping) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  static char text_[std::size_t{1} << 18];
+  char* next_ = text_;
+};
+
+char MappingList::text_[std::size_t{1} << 18];
 
 /// Eight bytes wherever they lie.
 struct __attribute__((packed, may_alias)) Word {
@@ -57,19 +76,18 @@ struct __attribute__((packed, may_alias)) Word {
 /// Counts the places at which each of some disguised pieces stands in clear.
 class PieceCounter {
  public:
-  explicit PieceCounter(std::vector<std::uint64_t> pieces)
-      : pieces_(std::move(pieces)), counts_(pieces_.size()) {
+  explicit PieceCounter(const std::vector<std::uint64_t>& pieces) : pieces_(pieces) {
     for (const std::uint64_t piece : pieces_) isFirstByte_[piece & 0xff] = true;
   }
 
   void Search(const Mapping& mapping);
 
   /// How often the most frequent piece was found.
-  std::size_t most() const { return *std::max_element(counts_.begin(), counts_.end()); }
+  std::size_t most() const { return *std::max_element(std::begin(counts_), std::end(counts_)); }
 
  private:
-  std::vector<std::uint64_t> pieces_;
-  std::vector<std::size_t> counts_;
+  const std::vector<std::uint64_t>& pieces_;
+  std::size_t counts_[kMostPieces] = {};
   bool isFirstByte_[256] = {};
 };
 
@@ -101,11 +119,13 @@ DisguisedSecret::DisguisedSecret(std::size_t length) : disguised_(length) {
   for (unsigned char& byte : disguised_) {
     byte = static_cast<unsigned char>(letter(random) ^ kDisguise);
   }
+  CutIntoPieces();
 }
 
 DisguisedSecret::DisguisedSecret(unsigned char* plain, std::size_t size) : disguised_(size) {
   for (std::size_t index = 0; index < size; ++index) disguised_[index] = plain[index] ^ kDisguise;
   Overwrite(plain, size);
+  CutIntoPieces();
 }
 
 bool DisguisedSecret::Is(std::string_view text) const {
@@ -115,16 +135,13 @@ bool DisguisedSecret::Is(std::string_view text) const {
                     });
 }
 
-std::vector<std::uint64_t> DisguisedSecret::Pieces() const {
-  constexpr std::size_t kMostPieces = 16;
+void DisguisedSecret::CutIntoPieces() {
   const std::size_t last = size() - sizeof(std::uint64_t);
-  const std::size_t count = std::min(kMostPieces, last + 1);
-  std::vector<std::uint64_t> pieces(count);
-  for (std::size_t index = 0; index < count; ++index) {
-    const std::size_t offset = count == 1 ? 0 : last * index / (count - 1);
-    std::memcpy(&pieces[index], disguised_.data() + offset, sizeof(std::uint64_t));
+  pieces_.resize(std::min(kMostPieces, last + 1));
+  for (std::size_t index = 0; index < pieces_.size(); ++index) {
+    const std::size_t offset = last == 0 ? 0 : last * index / (pieces_.size() - 1);
+    std::memcpy(&pieces_[index], disguised_.data() + offset, sizeof(std::uint64_t));
   }
-  return pieces;
 }
 
 // The frames of the search would overwrite what calls that are over left on the
@@ -138,8 +155,9 @@ std::size_t DisguisedSecret::Copies() const {
 }
 
 __attribute__((noinline)) std::size_t DisguisedSecret::CopiesInWritableMemory() const {
-  PieceCounter counter(Pieces());
-  for (const Mapping& mapping : WritableMappings()) counter.Search(mapping);
+  PieceCounter counter(pieces_);
+  MappingList mappings;
+  for (Mapping mapping; mappings.Next(&mapping);) counter.Search(mapping);
   return counter.most();
 }
 

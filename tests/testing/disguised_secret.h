@@ -56,10 +56,10 @@ class DisguisedSecret {
   };
 
   std::size_t CopiesInWritableMemory() const;
-  /// Runs of eight bytes all over the secret, disguised.
-  std::vector<std::uint64_t> Pieces() const;
+  void CutIntoPieces();
 
   std::vector<unsigned char> disguised_;
+  std::vector<std::uint64_t> pieces_;  ///< runs of eight bytes all over it, disguised
 };
 
 /// Writes a file of `before`, the secret and `after` to `path`, which must not
