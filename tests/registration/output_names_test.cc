@@ -7,6 +7,7 @@
 
 #include "tests/registration/scripted_registrator.h"
 #include "tests/testing/authority_answers.h"
+#include "tests/testing/command_line.h"
 #include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"
 
@@ -158,6 +159,17 @@ TEST(FilenamesFromArguments, NeedsBothOutputsBeforeAnythingElse) {
       OutcomeOf([&] { registrator.FilenamesFromArguments(nullptr, &name, "d", "", "", ""); }),
       expected);
   EXPECT_EQ(name, "old");
+}
+
+TEST(FilenamesFromArguments, TouchesNoOutputWhenAnOptionIsOfAnotherKind) {
+  auto options = Options({"--file", "a", "--file2", "b"});
+  options.at("file2").value() = 7UL;
+  Registrator registrator(options, nullptr);
+  std::string first = "old first";
+  std::string second = "old second";
+  EXPECT_THROW(registrator.FilenamesFromArguments(&first, &second, "keydir", "n", ".c", ".k"),
+               boost::bad_any_cast);
+  EXPECT_EQ(first + ", " + second, "old first, old second");
 }
 
 }  // namespace

@@ -224,10 +224,13 @@ TEST(CurlTransfer, CleansUpWhenItGoesBeforeItsEnd) {
   EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST(CurlTransfer, CleansUpAfterItsEnd) {
+TEST(CurlTransfer, CleansUpAsItFinishes) {
+  const CurlDouble curl;
   const std::ptrdiff_t before = OpenDescriptors();
   WebServiceBuffer answer;
-  RunRequest(RequestFor("nosuchscheme://host/"), &answer);
+  const auto transfer = HttpTransport::System().Start(RequestFor("nosuchscheme://host/"), &answer);
+  ASSERT_NE(transfer, nullptr);
+  RunToEnd(transfer.get());
   EXPECT_EQ(OpenDescriptors(), before);
 }
 
