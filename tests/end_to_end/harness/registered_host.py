@@ -17,6 +17,7 @@ PASSWORD = "s3cret"
 ACCOUNT = ("--login", "admin", "--passwd", "secret")
 OLD_CONFIG = b"# the configuration that the host runs with\n[paths]\nkeydir=/opt/agent/keys\n" + b"#" * 10_000 + b"\n"
 OLD_TABLE = b"# the table that the host runs with\n" * 100
+OLD_PEM = b"the key material that the host runs with\n" * 100
 
 # What stands on the command line besides address and account.
 _AGENT = ("--type", "Agent")
@@ -34,7 +35,7 @@ class FileState:
 
 
 class RegisteredHost:
-    """A `Host` with an agent, its configuration, its key file and a pool's two routing tables."""
+    """A `Host` with an agent, its configuration, keys and certificate, and a pool's two routing tables."""
 
     def __init__(self, host: Host) -> None:
         self.host = host
@@ -51,6 +52,8 @@ class RegisteredHost:
         self.tables = (base / "recommended", base / "current")
         for table in self.tables:
             table.write_bytes(OLD_TABLE)
+        for name in ("Agent.cert", "Agent.key"):
+            (self.keys / name).write_bytes(OLD_PEM)
 
     def arguments(self, action: str, url: str) -> tuple[str, ...]:
         """The command line of an action whose authority is at this address."""
@@ -66,6 +69,7 @@ class RegisteredHost:
             "configfile": (*_AGENT, *address, "--agentid", "42", "--todisk"),
             "routingtables": (*_AGENT, *_NUMBERS, *stored, *files),
             "createds": (*_AGENT, *_SELECTION, *stored),
+            "certificate": (*_AGENT, "--todisk", "--keydir", str(self.keys)),
         }
         return ("--action", action, *options[action])
 
