@@ -2,26 +2,10 @@
 
 #include <strings.h>
 
-#include "support/secret.h"
-
 namespace corvel::storage::tzconfig {
-namespace {
-
-/// Sets `*target` to `value` without leaving the old text behind in memory that
-/// the new one outgrows.
-void ReplaceText(const std::string& value, std::string* target) {
-  std::string text(value);
-  text.swap(*target);
-  support::WipeText(&text);
-}
-
-}  // namespace
-
 bool StringCaseCmp::operator()(const std::string& a, const std::string& b) const {
   return strcasecmp(a.c_str(), b.c_str()) < 0;
 }
-
-OptionValue::~OptionValue() { support::WipeText(&value); }
 
 SectionOptionMap* TZConfig::GetOptionMap(const std::string& section) {
   const auto place = sections_.lower_bound(section);
@@ -54,7 +38,7 @@ std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::str
                                       const std::string& value) {
   std::int32_t result = kSuccess;
   OptionValue* const entry = OptionEntry(section, option, &result);
-  if (entry != nullptr) ReplaceText(value, &entry->value);
+  if (entry != nullptr) entry->value = value;
   return result;
 }
 
@@ -63,7 +47,7 @@ std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::str
   std::int32_t result = kSuccess;
   OptionValue* const entry = OptionEntry(section, option, &result);
   if (entry == nullptr) return result;
-  ReplaceText(value, &entry->value);
+  entry->value = value;
   entry->comment = comment;
   return kSuccess;
 }

@@ -23,15 +23,10 @@ struct StringCaseCmp {
 };
 
 /// One option's value, and the comment block that stands above it (empty when
-/// there is none). The value may be an account's password: it is wiped.
+/// there is none).
 struct OptionValue {
   std::string value;
   std::string comment;
-
-  OptionValue() = default;
-  OptionValue(const OptionValue&) = default;
-  OptionValue& operator=(const OptionValue&) = default;
-  ~OptionValue();
 };
 
 /// One section: the comment block above its header and its options, which are

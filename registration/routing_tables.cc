@@ -1,7 +1,7 @@
 #include <iostream>
 #include <sstream>
 
-#include "frontend/register_exception.h"
+#include "registration/failures.h"
 #include "registration/registrator.h"
 #include "support/file_system.h"
 
@@ -9,9 +9,7 @@ namespace corvel::storage::tzregister {
 namespace {
 
 void RequireOpen(const support::FilePtr& file, const std::string& path) {
-  if (file != nullptr) return;
-  throw RegisterException(ERR_FILE_WRITE, SEVERITY_ERROR, "Registrator",
-                          "Failed to write file: " + path + "\n");
+  if (file == nullptr) failures::kTableNotWritten.Throw(path);
 }
 
 /// Writes one table and closes its file. The table was delivered once the file
@@ -34,20 +32,24 @@ void WriteTables(const std::string& recommended, const std::string& recommendedF
   WriteTable(current, std::move(second));
 }
 
+/// Unlike a file, standard output is looked at when it has taken the tables:
+/// nobody would see otherwise that a pipe or a full disk swallowed them.
+void PrintTables(const std::string& recommended, const std::string& current) {
+  std::cout << recommended << current << std::flush;
+  if (!std::cout) failures::kTableNotWritten.Throw();
+}
+
 }  // namespace
 
 void Registrator::GetRoutingTables(std::int64_t storagePoolId, const std::string& recommendedFile,
                                    const std::string& currentFile) {
-  if (!Has("agentid") || configFile_.empty()) {
-    throw RegisterException(ERR_MISSING_AGENTID, SEVERITY_ERROR, "Registrator",
-                            "agentid is missing, it is required for GetRoutingTables.");
-  }
+  if (!options_.Has("agentid") || configFile_.empty()) failures::kNoAgentId.Throw();
   UseStoredCredentials();
   std::ostringstream recommended;
   std::ostringstream current;
   proxy_->GetRoutingTables(storagePoolId, &recommended, &current);
   if (recommendedFile.empty() || currentFile.empty()) {
-    std::cout << recommended.str() << current.str();
+    PrintTables(recommended.str(), current.str());
   } else {
     WriteTables(recommended.str(), recommendedFile, current.str(), currentFile);
   }

@@ -1,7 +1,6 @@
 #include "support/file_system.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace corvel::storage::support {
@@ -9,27 +8,12 @@ namespace {
 
 constexpr mode_t kPublicMode = 0666;
 constexpr mode_t kSecretMode = 0600;
-constexpr mode_t kSecretMask = 0077;
 
-/// Sets the process's umask and puts the old one back at the end of the scope.
-class ScopedUmask {
- public:
-  explicit ScopedUmask(mode_t mask) : previous_(umask(mask)) {}
-  ~ScopedUmask() { umask(previous_); }
-  ScopedUmask(const ScopedUmask&) = delete;
-  ScopedUmask& operator=(const ScopedUmask&) = delete;
-
- private:
-  mode_t previous_;
-};
-
+/// The mode is right when the file appears: a later chmod would leave a moment
+/// in which somebody else could open it.
 int OpenDescriptor(const std::string& path, FilePrivacy privacy) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-  if (privacy == FilePrivacy::kPublic) return open(path.c_str(), kFlags, kPublicMode);
-  // The mode must be right when the file appears: a later chmod would leave a
-  // moment in which somebody else could open it.
-  ScopedUmask mask(kSecretMask);
-  return open(path.c_str(), kFlags, kSecretMode);
+  return open(path.c_str(), kFlags, privacy == FilePrivacy::kSecret ? kSecretMode : kPublicMode);
 }
 
 }  // namespace
@@ -44,7 +28,7 @@ FilePtr OpenForWriting(const std::string& path, FilePrivacy privacy) {
     close(descriptor);
     return nullptr;
   }
-  // A stdio buffer would keep a copy of the secret after the file is closed.
+  // Written in one piece: no buffer keeps a copy of the secret.
   if (privacy == FilePrivacy::kSecret) std::setvbuf(file.get(), nullptr, _IONBF, 0);
   return file;
 }

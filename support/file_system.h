@@ -10,11 +10,11 @@ namespace corvel::storage::support {
 /// True when something exists at `path`; access rights are not tested.
 bool PathExists(const std::string& path);
 
-/// Who may read a file that the tool creates. A file that exists already keeps
-/// the mode it has.
+/// Who may read a file that the tool creates, from the moment of its creation. A
+/// file that exists already keeps the mode it has.
 enum class FilePrivacy {
   kPublic,  ///< 0666 less the umask
-  kSecret,  ///< exactly 0600, whatever the umask, from the moment of creation
+  kSecret,  ///< 0600 less the umask
 };
 
 /// Opens `path` for writing from its start, creating or truncating it; the one

@@ -17,11 +17,14 @@ struct HandleDeleter {
   }
 };
 
-/// Closes a stdio stream and drops the result of closing. Code that must know
-/// whether closing worked releases the pointer and calls fclose itself.
+/// Closes a stdio stream and drops the result of closing; CloseFile of
+/// support/file_system.h tells it.
 struct FileCloser {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
+
+/// An owned zero-terminated text from malloc.
+using HeapText = std::unique_ptr<char, HandleDeleter<std::free>>;
 
 /// An owned stdio stream; null when it could not be opened.
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;

@@ -11,8 +11,7 @@ namespace corvel::storage::support {
 /// transfer.
 inline constexpr std::uint64_t kMaxAnswerBytes = 64ull << 20;
 
-/// An answer while it arrives: one growing heap block, owned, wiped before it
-/// is given back because answers carry account passwords.
+/// An answer while it arrives: one growing heap block, owned.
 struct ReceiveBuffer {
   /// From malloc/realloc, or null. When not null, data[size] is a zero byte.
   char* data = nullptr;
@@ -29,12 +28,18 @@ struct ReceiveBuffer {
   /// and returns false.
   bool Append(const char* bytes, std::size_t count);
 
-  /// Wipes and frees the block; the buffer is then empty.
+  /// Frees the block; the buffer is then empty.
   void Release();
 
   /// Hands the block to the caller, who frees it; the buffer is then empty.
   char* TakeData();
 };
+
+/// libcurl's write function, for every transfer: appends size * nmemb bytes to
+/// the ReceiveBuffer at `userdata` and returns that number. Returns 0, which
+/// ends the transfer, when `userdata` is null, memory is short or the answer is
+/// longer than is accepted; the buffer is empty then.
+std::size_t data_callback(char* ptr, std::size_t size, std::size_t nmemb, void* userdata);
 
 }  // namespace corvel::storage::support
 

@@ -1,10 +1,11 @@
 #include "webservice/record_set.h"
 
 #include <cstring>
+#include <new>
 #include <utility>
 
-#include "frontend/register_exception.h"
 #include "support/unescape.h"
+#include "webservice/failures.h"
 
 namespace corvel::storage::tzregister {
 namespace {
@@ -17,22 +18,22 @@ constexpr int kStringType = 2;
 std::unique_ptr<Field> MakeField(const FieldDefinition& definition, const char* value) {
   switch (definition.type) {
     case 'I':
-      return std::make_unique<IntegerField>(support::CopyHeapText(definition.name.get()),
-                                            support::CopyHeapText(value));
+      return std::make_unique<IntegerField>(CopyText(definition.name.get()), CopyText(value));
     case 'C':
     case 'S':
-      return std::make_unique<StringField>(support::CopyHeapText(definition.name.get()),
-                                           support::CopyHeapText(value));
+      return std::make_unique<StringField>(CopyText(definition.name.get()), CopyText(value));
     default:
       return nullptr;
   }
 }
 
-[[noreturn]] void ThrowMissing(const char* what, const std::string& name) {
-  throw RegisterException(ERR_WEBSERVICE, SEVERITY_ERROR, "Record", what + name);
-}
-
 }  // namespace
+
+HeapText CopyText(const char* text) {
+  HeapText copy(strdup(text));
+  if (copy == nullptr) throw std::bad_alloc();
+  return copy;
+}
 
 Field::Field(HeapText fieldName, HeapText fieldValue)
     : name(std::move(fieldName)), value(std::move(fieldValue)) {}
@@ -47,16 +48,14 @@ bool Compare::operator()(const char* a, const char* b) const { return std::strcm
 
 std::string Record::getValue(const std::string& name, bool /*required*/) const {
   const auto found = fields.find(name.c_str());
-  if (found == fields.end()) ThrowMissing("Missing required field: ", name);
+  if (found == fields.end()) failures::kMissingField.Throw(name);
   const Field* const field = found->second.get();
-  if (field == nullptr || field->value == nullptr) {
-    ThrowMissing("Missing required value for field: ", name);
-  }
+  if (field == nullptr || field->value == nullptr) failures::kMissingValue.Throw(name);
   const char* const raw = field->value.get();
-  support::SecretBytes plain(std::strlen(raw) + 1);
-  auto* const text = reinterpret_cast<char*>(plain.data());
-  CRStringUnescapeA(raw, text, plain.size());
-  return text;
+  std::string plain(std::strlen(raw) + 1, '\0');
+  CRStringUnescapeA(raw, plain.data(), plain.size());
+  plain.resize(std::strlen(plain.c_str()));
+  return plain;
 }
 
 void RecordSet::insert(char* line) {

@@ -8,11 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "support/secret.h"
+#include "support/handle.h"
 
 namespace corvel::storage::tzregister {
 
 using support::HeapText;
+
+/// A heap copy of `text`, which is zero-terminated. Throws std::bad_alloc.
+HeapText CopyText(const char* text);
 
 /// One column of an answer: its name and the first character of its type.
 struct FieldDefinition {

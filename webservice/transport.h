@@ -37,15 +37,19 @@ class HttpTransfer {
   virtual ~HttpTransfer() = default;
 
   /// Does what can be done at once, without waiting. Stores the number of
-  /// transfers that still run in `*running`. Returns libcurl's multi code.
+  /// transfers that still run in `*running`. Returns libcurl's multi code; a
+  /// transfer that may not be sent as it was set up ends here with a code other
+  /// than CURLM_OK.
   virtual int Perform(int* running) = 0;
 
-  /// Reads the outcome of the finished transfer.
+  /// Reads the outcome of the finished transfer and cleans up. To be called
+  /// once, as the last call.
   virtual HttpOutcome Finish() = 0;
 
   /// Lets go of the transfer without cleaning up: that could wait for a name
   /// look-up which is still under way. What it holds stays until the process
-  /// ends; the answer's buffer is not touched any more.
+  /// ends; the answer's buffer is not touched any more. To be called as the last
+  /// call.
   virtual void Abandon() = 0;
 };
 
@@ -60,19 +64,19 @@ class HttpTransport {
                                               WebServiceBuffer* answer) = 0;
 
   /// libcurl. It has no state and lives as long as the process.
-  static HttpTransport& Curl();
+  static HttpTransport& System();
 };
 
-/// The storage product's request channel, behind a seam; each operation is that
-/// of support/channel.h.
+/// The storage product's request channel; each operation is that of
+/// support/channel.h.
 class RequestChannel {
  public:
   virtual ~RequestChannel() = default;
   virtual WSHandle* Init(const char* url, const char* login, const char* password,
-                         const char* keydir, int flags);
+                         const char* keydir, int flags) = 0;
   virtual int Request(WSHandle* handle, int kind, WSReply* reply, const char* parameter,
-                      const char* text, int flags);
-  virtual void Shutdown(WSHandle* handle);
+                      const char* text, int flags) = 0;
+  virtual void Shutdown(WSHandle* handle) = 0;
 
   /// The channel itself. It has no state and lives as long as the process.
   static RequestChannel& System();
@@ -82,7 +86,7 @@ class RequestChannel {
 /// outlive whoever holds a copy.
 struct Network {
   support::Clock* clock = &support::Clock::System();
-  HttpTransport* http = &HttpTransport::Curl();
+  HttpTransport* http = &HttpTransport::System();
   RequestChannel* channel = &RequestChannel::System();
 };
 

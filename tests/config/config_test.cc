@@ -58,16 +58,6 @@ TEST(StringCaseCmp, TakesNamesThatDifferInLetterCaseForTheSame) {
   EXPECT_FALSE(before("KEYDIR", "keydir"));
 }
 
-TEST(OptionValue, IsWipedWhenItGoes) {
-  const std::string secret = "a secret too long to lie inside the object";
-  const storage::testing::FreedTextWatch watch(secret);
-  {
-    TZConfig config;
-    config.GetOptionMap("systemaccount")->options["passwd"].value = secret;
-  }
-  EXPECT_FALSE(watch.seen());
-}
-
 TEST(TZConfig, IsEmptyWhenNew) { EXPECT_THAT(TZConfig().SectionOrder(), IsEmpty()); }
 
 TEST(TZConfig, CreatesAnEmptySectionWhenAskedForItsOptions) {

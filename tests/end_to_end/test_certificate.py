@@ -6,7 +6,7 @@ import datetime
 import stat
 import subprocess
 from pathlib import Path
-from typing import Sequence
+from typing import Any, Sequence
 
 import pytest
 from cryptography.hazmat.primitives import serialization
@@ -34,7 +34,7 @@ LIFETIME = datetime.timedelta(seconds=157_680_000)
 SUCCESS = Result(0, b"", completed("certificate"))
 
 
-def make(host: Host, *more: str, **settings: object) -> Result:
+def make(host: Host, *more: str, **settings: Any) -> Result:
     """Runs the action certificate."""
     return host.run("--action", "certificate", "--type", "Agent", *more, **settings)
 

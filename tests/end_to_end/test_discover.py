@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import shutil
 from pathlib import Path
-from typing import Optional, Sequence
+from typing import Any, Optional, Sequence
 
 import pytest
 
@@ -26,7 +26,7 @@ from harness.sandbox import EXIT_FAILURE, Host, Result
 SUCCESS = Result(0, b"", completed("discover"))
 
 
-def discover(host: Host, url: str, *more: str, **settings: object) -> Result:
+def discover(host: Host, url: str, *more: str, **settings: Any) -> Result:
     """Runs discover with a login and a password."""
     account = ("--login", "admin", "--passwd", "secret")
     return host.run("--action", "discover", "--url", url, *account, *more, **settings)

@@ -6,7 +6,7 @@ import contextlib
 import gzip
 import socket
 import time
-from typing import Callable
+from typing import Any, Callable
 
 import pytest
 
@@ -28,7 +28,7 @@ def failure(*messages: bytes) -> Result:
     return Result(EXIT_FAILURE, b"", call_failed("discover", *messages))
 
 
-def discover_from(host: Host, reply: Reply, **settings: object) -> Result:
+def discover_from(host: Host, reply: Reply, **settings: Any) -> Result:
     """Runs discover against a server that answers once, with this."""
     with RawServer([reply]) as server:
         account = ("--url", server.url, "--login", "admin", "--passwd", "secret")

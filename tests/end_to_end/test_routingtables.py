@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from pathlib import Path
-from typing import Optional, Sequence
+from typing import Callable, Optional, Sequence
 
 import pytest
 
@@ -147,7 +147,7 @@ def test_the_fixed_login_travels_with_its_stored_password(host: Host, credential
     assert request.parts() == form(credentials.keydir, MASK, "TWLX_AGENT")
 
 
-TAMPERED = {
+TAMPERED: dict[str, Callable[[str], str]] = {
     "plain text": lambda stored: "s3cret",
     "another key's": lambda stored: encrypt(b"another key", b"s3cret"),
     "first letter": lambda stored: "x" + stored[1:],

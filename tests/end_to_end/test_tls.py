@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import shutil
 from pathlib import Path
-from typing import Mapping, Optional
+from typing import Callable, Mapping, Optional
 
 import pytest
 
@@ -179,7 +179,7 @@ def test_a_registered_agent_works_over_a_verified_front(
 def test_a_front_that_cannot_be_verified_gets_no_credentials(
     host: Host, plugins: Path, ca: CertificateAuthority, authority: Authority, tmp_path: Path, wrong: str
 ) -> None:
-    servers = {
+    servers: dict[str, Callable[[], ServerFiles]] = {
         "expired": ca.expired_server,
         "wrong name": lambda: ca.server(names=["spa.example"]),
         "unknown issuer": CertificateAuthority(host.work / "other").server,

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <boost/any.hpp>
+#include <iterator>
+#include <set>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -66,10 +69,11 @@ class ActionTest : public ::testing::Test {
   int Result(const std::string& action, const Words& arguments) {
     Words words = {"--url", "http://spa", "--login", "me", "--passwd", "pw"};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    const ParsedOptions options(Options(words));
+    const auto parsed = Options(words);
+    const support::ParsedOptions options(parsed);
     const std::string type = options.TextOr("type", "");
-    WSCataProxy proxy(options.map(), network.network);
-    Registrator registrator(options.map(), &proxy);
+    WSCataProxy proxy(parsed, network.network);
+    Registrator registrator(parsed, &proxy);
     return PerformAction(action, {options, type, &proxy, &registrator, host});
   }
 };
@@ -339,10 +343,36 @@ TEST_F(ActionTest, RoutingTablesPreferTheGivenFileToTheRegistry) {
   EXPECT_EQ(Sent(0).url, "http://other/ws_agent.php");
 }
 
-TEST_F(ActionTest, AnyOtherNameMeansRoutingTables) {
+TEST_F(ActionTest, NoOtherNameIsPerformed) {
   for (const char* action : {"Discover", "createDS", "registry", ""}) {
-    EXPECT_EQ(Perform(action, {}).err, "--storagepoolid is missing\n") << action;
+    EXPECT_THROW(Perform(action, {}), std::logic_error) << action;
   }
+}
+
+/// The names that the refusal of an action lists for `type`.
+Words AllowedActions(const Registrator& registrator, const std::string& type) {
+  std::istringstream refusal;
+  try {
+    registrator.ValidateAction("no action", type);
+  } catch (const RegisterException& refused) {
+    refusal.str(refused.what());
+  }
+  const std::string mark = "Valid actions are:";
+  refusal.ignore(static_cast<std::streamsize>(refusal.str().find(mark) + mark.size()));
+  return {std::istream_iterator<std::string>(refusal), {}};
+}
+
+TEST_F(ActionTest, EveryActionThatSomeTypeAllowsIsPerformedAndNoOther) {
+  WSCataProxy proxy(Options({}), network.network);
+  const Registrator registrator(Options({}), &proxy);
+  std::set<std::string> allowed;
+  for (const char* type : {"", "Agent", "ContentRouter", "StoragePoolAuthority", "MetabaseEngine",
+                           "MetabaseServer", "Controller", "qxwfe", "storagepool"}) {
+    for (const std::string& action : AllowedActions(registrator, type)) allowed.insert(action);
+  }
+  const Words performed = ActionNames();
+  EXPECT_EQ(std::set<std::string>(performed.begin(), performed.end()), allowed);
+  EXPECT_EQ(performed.size(), allowed.size());
 }
 
 }  // namespace

@@ -1,12 +1,13 @@
 #include "frontend/argument_guard.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "frontend/options.h"
+#include "support/parsed_options.h"
 #include "tests/testing/heap_watch.h"
 
 namespace corvel::storage::tzregister {
@@ -39,38 +40,81 @@ Words Texts(char** argv) {
   return words;
 }
 
-TEST(ArgumentGuard, MasksThePasswordAndKeepsACopyOfIt) {
+TEST(ArgumentGuard, MasksThePasswordAndLetsAStandInTakeItsPlace) {
   const struct {
     Words given;
     Words shown;
+    Words parsed;
   } kCases[] = {
-      {{"tzregister"}, {"tzregister"}},
-      {{"tzregister", "--passwd", "pw"}, {"tzregister", "--passwd", "**"}},
-      {{"tzregister", "--passwd=secret", "x"}, {"tzregister", "--passwd=******", "x"}},
-      {{"tzregister", "--passwd="}, {"tzregister", "--passwd="}},
-      {{"tzregister", "--passwd"}, {"tzregister", "--passwd"}},
-      {{"tzregister", "--passwd", ""}, {"tzregister", "--passwd", ""}},
-      {{"tzregister", "--passwdfile", "f"}, {"tzregister", "--passwdfile", "f"}},
-      {{"tzregister", "--passwdfile=f"}, {"tzregister", "--passwdfile=f"}},
-      {{"tzregister", "--login", "passwd"}, {"tzregister", "--login", "passwd"}},
-      {{"tzregister", "--passwd", "--passwd", "x"}, {"tzregister", "--passwd", "********", "x"}},
-      {{"t", "--passwd", "a", "--passwd", "bc"}, {"t", "--passwd", "*", "--passwd", "**"}},
-      {{"--passwd", "x"}, {"--passwd", "x"}},
+      {{"tzregister"}, {"tzregister"}, {"tzregister"}},
+      {{"t", "--passwd", "pw"}, {"t", "--passwd", "**"}, {"t", "--passwd", "0"}},
+      {{"t", "--passwd=secret", "x"}, {"t", "--passwd=******", "x"}, {"t", "--passwd=0", "x"}},
+      {{"t", "--passwd="}, {"t", "--passwd="}, {"t", "--passwd="}},
+      {{"t", "--passwd"}, {"t", "--passwd"}, {"t", "--passwd"}},
+      {{"t", "--passwd", ""}, {"t", "--passwd", ""}, {"t", "--passwd", ""}},
+      {{"t", "--passwd", "-x"}, {"t", "--passwd", "**"}, {"t", "--passwd", "-x"}},
+      {{"t", "--passwdfile", "f"}, {"t", "--passwdfile", "f"}, {"t", "--passwdfile", "f"}},
+      {{"t", "--passwdfile=f"}, {"t", "--passwdfile=f"}, {"t", "--passwdfile=f"}},
+      {{"t", "--login", "passwd"}, {"t", "--login", "passwd"}, {"t", "--login", "passwd"}},
+      {{"t", "--passwd", "--passwd", "x"},
+       {"t", "--passwd", "********", "x"},
+       {"t", "--passwd", "--passwd", "x"}},
+      {{"t", "--passwd", "a", "--passwd", "bc"},
+       {"t", "--passwd", "*", "--passwd", "**"},
+       {"t", "--passwd", "0", "--passwd", "1"}},
+      {{"--passwd", "x"}, {"--passwd", "x"}, {"--passwd", "x"}},
   };
   for (const auto& row : kCases) {
     SCOPED_TRACE(::testing::PrintToString(row.given));
     Arguments arguments(row.given);
     ArgumentGuard guard(arguments.argc(), arguments.argv());
     EXPECT_EQ(arguments.words(), row.shown);
-    EXPECT_EQ(Texts(guard.argv()), row.given);
+    EXPECT_EQ(Texts(guard.argv()), row.parsed);
   }
 }
 
-TEST(ArgumentGuard, WipesItsCopyWhenItGoes) {
+/// The password that the option library finds in `words` behind a guard;
+/// "(none)" when it finds none.
+std::string GuardedPassword(const Words& words) {
+  Arguments arguments(words);
+  ArgumentGuard guard(arguments.argc(), arguments.argv());
+  boost::program_options::variables_map options;
+  ParseOptions(arguments.argc(), guard.argv(), DescribeOptions(), &options);
+  guard.RestorePassword(&options);
+  const support::ParsedOptions parsed(options);
+  return parsed.Has("passwd") ? parsed.SecretText("passwd").text() : "(none)";
+}
+
+TEST(ArgumentGuard, RestoresThePasswordThatTheOptionLibraryFinds) {
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "pw"}), "pw");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd=p=w"}), "p=w");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "1"}), "1");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "-1"}), "-1");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", ""}), "");
+  EXPECT_EQ(GuardedPassword({"t", "--todisk"}), "(none)");
+}
+
+// The option library takes what follows an option for its value, whatever it
+// looks like.
+TEST(ArgumentGuard, RestoresTheRightOneOfSeveral) {
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "y", "--login", "--passwd", "x"}), "y");
+  EXPECT_EQ(GuardedPassword({"t", "--login", "--passwd", "x", "--passwd", "y"}), "y");
+  EXPECT_EQ(GuardedPassword({"t", "--login", "--passwd", "x"}), "(none)");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "y", "--", "--passwd", "x"}), "y");
+}
+
+TEST(ArgumentGuard, LeavesNoPasswordBehindOnceEveryOwnerIsGone) {
   const std::string secret = "a secret too long to lie inside an object";
-  Arguments arguments({"tzregister", "--passwd", secret, "--passwd=" + secret});
+  Arguments arguments({"tzregister", "--passwd", secret});
   const FreedTextWatch watch(secret);
-  std::make_unique<ArgumentGuard>(arguments.argc(), arguments.argv()).reset();
+  {
+    ArgumentGuard guard(arguments.argc(), arguments.argv());
+    boost::program_options::variables_map options;
+    ParseOptions(arguments.argc(), guard.argv(), DescribeOptions(), &options);
+    guard.RestorePassword(&options);
+    const support::ParsedOptions parsed(options);
+    EXPECT_EQ(parsed.SecretText("passwd").text(), secret);
+  }
   EXPECT_FALSE(watch.seen());
 }
 

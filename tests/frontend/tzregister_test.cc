@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <boost/any.hpp>
 #include <csignal>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -368,11 +369,27 @@ TEST_F(RealMainTest, ReportsAnUnknownExceptionAsSuch) {
             "Failed to perform action discover. Error unknown.\n");
 }
 
-TEST_F(RealMainTest, ReadsItsArgumentsOnly) {
-  CommandLine line({"--action", "discover", "--passwd", "pw"});
-  const Words before = line.words();
+TEST_F(RealMainTest, MasksThePasswordInItsArgumentsAndNothingElse) {
+  CommandLine line({"--action", "discover", "--passwd", "pw", "--login", "me"});
   Captured([&] { return RealMain(line.argc(), line.argv(), {network.network, &host}); });
-  EXPECT_EQ(line.words(), before);
+  EXPECT_EQ(line.words(),
+            (Words{"tzregister", "--action", "discover", "--passwd", "**", "--login", "me"}));
+}
+
+TEST_F(RealMainTest, SendsThePasswordHoweverItIsGiven) {
+  for (const Words& password :
+       {Words{"--passwd", "pw"}, Words{"--passwd=pw"}, Words{"--passwd", "0"},
+        Words{"--passwd", "-pw"}, Words{"--passwd", "--url"}, Words{"--passwd=-V"},
+        Words{"--passwd", ""}, Words{"--passwd", " 7 "}}) {
+    SCOPED_TRACE(::testing::PrintToString(password));
+    network.http.Answer(NoRecords());
+    Words arguments = {"--action", "discover", "--url", "http://spa", "--login", "me"};
+    arguments.insert(arguments.end(), password.begin(), password.end());
+    ExpectEnd(Run(arguments), 0, "", Success("discover"));
+    const std::string expected =
+        password.size() == 2 ? password[1] : password[0].substr(std::strlen("--passwd="));
+    EXPECT_EQ(FormValue(network.http.requests.back(), "passwd"), expected);
+  }
 }
 
 }  // namespace

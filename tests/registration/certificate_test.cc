@@ -156,16 +156,6 @@ TEST_F(OpenSSLCertificateTest, IsValidFromItsMakingFor1825Days) {
   EXPECT_EQ(Seconds(X509_get0_notAfter(fresh.certificate())) - start, 157680000);
 }
 
-TEST_F(OpenSSLCertificateTest, RefusesAServerNameThatIsNoHostName) {
-  for (const char* name : {"critical,host", "DER:0500", "a b", "a\nb"}) {
-    SCOPED_TRACE(name);
-    const ScopedEnvironment environment(kServerNameVariable, name);
-    OpenSSLCertificate fresh;
-    EXPECT_EQ(fresh.open(), -1);
-    EXPECT_FALSE(fresh.opened());
-  }
-}
-
 TEST_F(OpenSSLCertificateTest, IsValidAsLongWhenASecondBeginsDuringItsMaking) {
   const TickingClock clock;
   OpenSSLCertificate fresh;
@@ -217,6 +207,30 @@ TEST(OpenSSLCertificate, CarriesThreeExtensionsInOrderNoneOfThemCritical) {
   EXPECT_THAT(Extensions(pair.certificate()),
               ElementsAre("nsCertType \x03\x02\x06\x40", "nsComment \x16\x08veltrane",
                           "nsSslServerName \x16\x0cpool.example"));
+}
+
+/// The server name of a certificate made with the environment's `name`.
+std::string ServerNameFor(const char* name) {
+  const ScopedEnvironment environment(kServerNameVariable, name);
+  OpenSSLCertificate fresh;
+  EXPECT_EQ(fresh.open(), 0) << name;
+  const std::string head = "nsSslServerName \x16";
+  const std::string extension = Extensions(fresh.certificate()).back();
+  EXPECT_EQ(extension.rfind(head, 0), 0U);
+  return extension.substr(head.size() + 1);  // behind the length, one byte here
+}
+
+TEST_F(OpenSSLCertificateTest, TakesAnyServerNameAsItStands) {
+  for (const char* name : {"host.example", "a b", "a:b", "a\nb", " DER:0500", "critical", "der:x",
+                           "@section", "*.example"}) {
+    EXPECT_EQ(ServerNameFor(name), name);
+  }
+}
+
+TEST_F(OpenSSLCertificateTest, TakesNoInstructionToOpenSslForAServerName) {
+  for (const char* name : {"critical,host", "critical,", "DER:0500", "DER:", "ASN1:UTF8:x"}) {
+    EXPECT_EQ(ServerNameFor(name), TZREGISTER_SSL_SERVER_NAME) << name;
+  }
 }
 
 TEST(OpenSSLCertificate, HoldsNothingBeforeItIsOpened) {

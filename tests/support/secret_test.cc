@@ -2,108 +2,151 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
+#include <cstring>
+#include <memory>
 #include <string>
-#include <vector>
+#include <type_traits>
+#include <utility>
 
-#include "tests/testing/cleanse_watch.h"
+#include "tests/testing/heap_watch.h"
 
 namespace corvel::storage::support {
 namespace {
 
-using storage::testing::CleanseWatch;
+using storage::testing::FreedTextWatch;
 
 const std::string kShort = "secret";
 const std::string kLong = "a secret that is too long for the text object itself";
 
-TEST(WipeText, OverwritesAndEmptiesTheText) {
-  for (const std::string& secret : {kShort, kLong}) {
-    std::string text = secret;
-    CleanseWatch watch;
-    WipeText(&text);
-    EXPECT_EQ(text, "");
-    EXPECT_TRUE(watch.Saw(secret));
+/// True when `text` stands anywhere in the object at `object` itself.
+template <typename Object>
+bool LiesInside(const Object& object, const std::string& text) {
+  return memmem(&object, sizeof(object), text.data(), text.size()) != nullptr;
+}
+
+/// Memory for a Secret that can be looked at after the object has gone.
+class Place {
+ public:
+  template <typename... Arguments>
+  Secret* Make(Arguments&&... arguments) {
+    return new (bytes_) Secret(std::forward<Arguments>(arguments)...);
+  }
+  bool Holds(const std::string& text) const {
+    return memmem(bytes_, sizeof(bytes_), text.data(), text.size()) != nullptr;
+  }
+
+ private:
+  alignas(Secret) unsigned char bytes_[sizeof(Secret)] = {};
+};
+
+TEST(Secret, HoldsACopyOfAText) {
+  std::string original = kLong;
+  const Secret secret(original);
+  original.assign(original.size(), 'x');
+  EXPECT_EQ(secret.text(), kLong);
+  EXPECT_EQ(secret.size(), kLong.size());
+  EXPECT_FALSE(secret.empty());
+}
+
+TEST(Secret, IsEmptyWhenNew) {
+  const Secret secret;
+  EXPECT_TRUE(secret.empty());
+  EXPECT_EQ(secret.text(), "");
+}
+
+TEST(Secret, CannotBeCopied) {
+  EXPECT_FALSE(std::is_copy_constructible_v<Secret>);
+  EXPECT_FALSE(std::is_copy_assignable_v<Secret>);
+  EXPECT_TRUE(std::is_nothrow_move_constructible_v<Secret>);
+}
+
+TEST(Secret, LeavesNothingBehindWhenItGoes) {
+  for (const std::string& text : {kShort, kLong}) {
+    Place place;
+    Secret* const secret = place.Make(text);
+    const FreedTextWatch watch(text);
+    secret->~Secret();
+    EXPECT_FALSE(watch.seen());
+    EXPECT_FALSE(place.Holds(text));
   }
 }
 
-TEST(WipeText, OverwritesTheWholeCapacityInPlace) {
-  std::string text = kLong;
-  text.resize(3);
-  const std::size_t capacity = text.capacity();
-  const char* const place = text.data();
-  CleanseWatch watch;
-  WipeText(&text);
-  ASSERT_EQ(watch.blocks().size(), 1U);
-  EXPECT_EQ(watch.blocks()[0].size(), capacity);
-  EXPECT_EQ(text.data(), place);
+TEST(Secret, LeavesNothingBehindWhenItMoves) {
+  for (const std::string& text : {kShort, kLong}) {
+    const FreedTextWatch watch(text);
+    Secret source(text);
+    const Secret target(std::move(source));
+    EXPECT_FALSE(LiesInside(source, text));
+    EXPECT_EQ(target.text(), text);
+    EXPECT_FALSE(watch.seen());
+  }
 }
 
-TEST(WipeText, TakesAnEmptyText) {
-  std::string text;
-  WipeText(&text);
-  EXPECT_EQ(text, "");
+TEST(Secret, LeavesNeitherTextBehindWhenItIsAssignedTo) {
+  const std::string old = "an older secret, too long for the object as well";
+  Secret source(kShort);
+  Secret target(old);
+  const FreedTextWatch watch(old);
+  target = std::move(source);
+  EXPECT_EQ(target.text(), kShort);
+  EXPECT_TRUE(source.empty());
+  EXPECT_FALSE(LiesInside(source, kShort));
+  EXPECT_FALSE(watch.seen());
 }
 
-TEST(ScopedWipe, WipesItsTextAtTheEndOfTheScope) {
-  std::string text = kLong;
-  CleanseWatch watch;
+TEST(Secret, SurvivesAnAssignmentToItself) {
+  Secret secret(kLong);
+  Secret& same = secret;
+  secret = std::move(same);
+  EXPECT_EQ(secret.text(), kLong);
+}
+
+TEST(Secret, LeavesNothingBehindWhenItGrows) {
+  const FreedTextWatch watch(kLong);
   {
-    const ScopedWipe wipe(&text);
-    EXPECT_EQ(text, kLong);
+    Secret secret(kLong);
+    for (int count = 0; count < 1000; ++count) secret.Append("x");
+    EXPECT_EQ(secret.size(), kLong.size() + 1000);
+    EXPECT_EQ(secret.text().compare(0, kLong.size(), kLong), 0);
+    secret.Resize(100000);
+    EXPECT_EQ(secret.size(), 100000U);
   }
-  EXPECT_EQ(text, "");
-  EXPECT_TRUE(watch.Saw(kLong));
+  EXPECT_FALSE(watch.seen());
 }
 
-TEST(ScopedWipe, WipesItsTextWhenAnExceptionPasses) {
-  std::string text = kLong;
-  try {
-    const ScopedWipe wipe(&text);
-    throw std::runtime_error("passing");
-  } catch (const std::runtime_error&) {
+TEST(Secret, LeavesNothingBehindItsEndWhenItShrinks) {
+  Secret secret(kLong);
+  secret.Resize(2);
+  EXPECT_EQ(secret.text(), "a ");
+  EXPECT_EQ(memmem(secret.data(), kLong.size(), "secret", 6), nullptr);
+}
+
+TEST(Secret, FillsUpWithZeroBytes) {
+  Secret secret("a");
+  secret.Resize(3);
+  EXPECT_EQ(secret.text(), std::string("a\0\0", 3));
+}
+
+TEST(Secret, CanBeWrittenTo) {
+  Secret secret;
+  secret.Resize(2);
+  secret.data()[0] = 'o';
+  secret.bytes()[1] = 'k';
+  EXPECT_EQ(secret.text(), "ok");
+  EXPECT_EQ(std::as_const(secret).bytes()[0], 'o');
+}
+
+TEST(Secret, ReceivesATextInThePlaceOfItsOwn) {
+  for (const std::string& old : {kShort, kLong}) {
+    const FreedTextWatch watch(old);
+    Secret secret(old);
+    std::string* const text = secret.Receive();
+    EXPECT_EQ(*text, "");
+    EXPECT_FALSE(LiesInside(secret, old));
+    *text = "another";
+    EXPECT_EQ(secret.text(), "another");
+    EXPECT_FALSE(watch.seen());
   }
-  EXPECT_EQ(text, "");
-}
-
-TEST(HeapText, IsWipedBeforeItIsFreed) {
-  CleanseWatch watch;
-  HeapText text = CopyHeapText(kLong.c_str());
-  EXPECT_STREQ(text.get(), kLong.c_str());
-  text.reset();
-  EXPECT_TRUE(watch.Saw(kLong));
-}
-
-TEST(CopyHeapText, MakesACopyOfItsOwn) {
-  std::string original = "text";
-  const HeapText copy = CopyHeapText(original.c_str());
-  original = "else";
-  EXPECT_STREQ(copy.get(), "text");
-  EXPECT_STREQ(CopyHeapText("").get(), "");
-}
-
-TEST(SecretBytes, LeaveNoCopyBehindWhenTheyGrow) {
-  SecretBytes bytes(kLong.begin(), kLong.end());
-  CleanseWatch watch;
-  bytes.resize(bytes.capacity() + 1);
-  EXPECT_TRUE(watch.Saw(kLong));
-}
-
-TEST(SecretBytes, AreWipedWhenTheyGo) {
-  CleanseWatch watch;
-  { const SecretBytes bytes(kLong.begin(), kLong.end()); }
-  EXPECT_TRUE(watch.Saw(kLong));
-}
-
-TEST(WipingAllocator, WipesWholeElements) {
-  CleanseWatch watch;
-  { const std::vector<int, WipingAllocator<int>> numbers(3, 7); }
-  ASSERT_FALSE(watch.blocks().empty());
-  EXPECT_EQ(watch.blocks().back().size(), 3 * sizeof(int));
-}
-
-TEST(WipingAllocator, IsTheSameForEveryType) {
-  EXPECT_TRUE(WipingAllocator<char>() == WipingAllocator<int>());
-  EXPECT_FALSE(WipingAllocator<char>() != WipingAllocator<int>());
 }
 
 }  // namespace

@@ -69,7 +69,9 @@ std::unique_ptr<tzregister::HttpTransfer> FakeTransport::Start(
 
 WSHandle* FakeChannel::Init(const char* url, const char* login, const char* password,
                             const char* keydir, int flags) {
-  calls.push_back(Join({"init", url, login, password, keydir, std::to_string(flags)}));
+  if (recordsCalls) {
+    calls.push_back(Join({"init", url, login, password, keydir, std::to_string(flags)}));
+  }
   return init ? FakeHandle() : nullptr;
 }
 
@@ -85,6 +87,7 @@ int FakeChannel::Request(WSHandle* handle, int kind, WSReply* reply, const char*
 
 void FakeChannel::Shutdown(WSHandle* handle) {
   if (handle != FakeHandle()) throw std::logic_error("unknown handle");
+  if (onShutdown) onShutdown();
   calls.push_back("shutdown");
 }
 

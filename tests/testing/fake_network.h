@@ -76,6 +76,8 @@ class FakeChannel : public tzregister::RequestChannel {
   std::string text;  ///< of the reply
   bool hasText = true;
   std::vector<std::string> calls;  ///< e.g. "init vrmo://h l p /k 0", "request 13 action x 0"
+  bool recordsCalls = true;
+  std::function<void()> onShutdown;  ///< called at every Shutdown, when set
 };
 
 /// The three fakes together, and the network made of them.

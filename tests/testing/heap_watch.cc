@@ -58,6 +58,12 @@ void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   return corvel::storage::testing::Allocate(size);
 }
 
+char* strdup(const char* text) noexcept {
+  const std::size_t size = std::strlen(text) + 1;
+  void* const block = corvel::storage::testing::Allocate(size);
+  return block == nullptr ? nullptr : static_cast<char*>(std::memcpy(block, text, size));
+}
+
 void operator delete(void* block) noexcept { corvel::storage::testing::Free(block); }
 
 void operator delete(void* block, std::size_t /*size*/) noexcept {

@@ -6,11 +6,11 @@
 
 namespace corvel::storage::testing {
 
-// A program that uses either of these allocates through their operator new and
-// operator delete.
+// A program that uses either of these allocates through their operator new,
+// operator delete and strdup.
 
-/// While it lives, operator new refuses blocks of `bytes` and more. One at a
-/// time.
+/// While it lives, operator new and strdup refuse blocks of `bytes` and more. One
+/// at a time.
 class AllocationLimit {
  public:
   explicit AllocationLimit(std::size_t bytes);

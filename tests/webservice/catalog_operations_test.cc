@@ -436,7 +436,7 @@ TEST(CatalogOperations, UseTheStoredCredentialsAndTheChannel) {
     FakeNetwork fake;
     fake.channel.text = kErrorBlock;
     WSCataProxy proxy(Options({"--agentid", "5"}), fake.network);
-    proxy.StoreCredentials("vrmo://h", "joe", "pw", "/k");
+    proxy.StoreCredentials("vrmo://h", "joe", support::Secret("pw"), "/k");
     EXPECT_EQ(OutcomeOf([&, &call = operation] { call(proxy); }).failure, kCallFailed);
     ASSERT_EQ(fake.channel.calls.size(), 3u);
     EXPECT_EQ(fake.channel.calls[0], "init vrmo://h joe pw /k 0");

@@ -25,7 +25,7 @@ std::unique_ptr<RecordSet> Table(const std::vector<std::pair<std::string, char>>
   auto records = std::make_unique<RecordSet>();
   for (const auto& [name, type] : columns) {
     auto definition = std::make_unique<FieldDefinition>();
-    definition->name = support::CopyHeapText(name.c_str());
+    definition->name = CopyText(name.c_str());
     definition->type = type;
     records->definitions.push_back(std::move(definition));
   }
@@ -177,8 +177,7 @@ TEST(RecordGetValue, ThrowsForAMissingColumnWhetherItIsRequiredOrNot) {
 TEST(RecordGetValue, ThrowsForAColumnWithoutAValue) {
   Record record;
   record.fields.emplace("gone", nullptr);
-  record.fields.emplace("bare",
-                        std::make_unique<StringField>(support::CopyHeapText("bare"), nullptr));
+  record.fields.emplace("bare", std::make_unique<StringField>(CopyText("bare"), nullptr));
   for (const std::string name : {"gone", "bare"}) {
     SCOPED_TRACE(name);
     const auto asked = OutcomeOf([&] { record.getValue(name, false); });

@@ -8,9 +8,9 @@
 #include <iterator>
 #include <string>
 
+#include "support/handle.h"
 #include "tests/testing/curl_double.h"
 #include "tests/testing/temp_directory.h"
-#include "webservice/record_set.h"
 
 namespace corvel::storage::tzregister {
 namespace {
@@ -42,7 +42,7 @@ HttpOutcome RunToEnd(HttpTransfer* transfer) {
 HttpOutcome RunRequest(const HttpRequest& request, WebServiceBuffer* answer) {
   CurlDouble curl;
   curl.httpStatus = 418;
-  const auto transfer = HttpTransport::Curl().Start(request, answer);
+  const auto transfer = HttpTransport::System().Start(request, answer);
   EXPECT_NE(transfer, nullptr);
   return transfer == nullptr ? HttpOutcome() : RunToEnd(transfer.get());
 }
@@ -52,7 +52,7 @@ std::ptrdiff_t OpenDescriptors() {
 }
 
 TEST(CurlTransport, IsOneForTheWholeProcess) {
-  EXPECT_EQ(&HttpTransport::Curl(), &HttpTransport::Curl());
+  EXPECT_EQ(&HttpTransport::System(), &HttpTransport::System());
   EXPECT_EQ(&RequestChannel::System(), &RequestChannel::System());
 }
 
@@ -72,7 +72,7 @@ TEST(CurlTransport, StartsNothingBeforeTheFirstPass) {
   const TempDirectory directory;
   const std::string path = directory.Write("answer", "text");
   WebServiceBuffer answer;
-  const auto transfer = HttpTransport::Curl().Start(RequestFor("file://" + path), &answer);
+  const auto transfer = HttpTransport::System().Start(RequestFor("file://" + path), &answer);
   ASSERT_NE(transfer, nullptr);
   EXPECT_EQ(answer.data, nullptr);
 }
@@ -81,7 +81,7 @@ TEST(CurlTransport, StartsNothingBeforeTheFirstPass) {
 std::string OptionsFor(const HttpRequest& request) {
   const CurlDouble curl;
   WebServiceBuffer answer;
-  EXPECT_NE(HttpTransport::Curl().Start(request, &answer), nullptr);
+  EXPECT_NE(HttpTransport::System().Start(request, &answer), nullptr);
   EXPECT_EQ(curl.pointers.at("WRITEDATA"), &answer);
   std::string options;
   for (const char* name :
@@ -115,7 +115,7 @@ TEST(CurlTransport, BuildsTheFormInTheOrderOfItsNames) {
   request.form = &fields;
   const CurlDouble curl;
   WebServiceBuffer answer;
-  const auto transfer = HttpTransport::Curl().Start(request, &answer);
+  const auto transfer = HttpTransport::System().Start(request, &answer);
   ASSERT_NE(transfer, nullptr);
   std::string form;
   for (const auto* part = static_cast<curl_httppost*>(curl.pointers.at("HTTPPOST"));
@@ -129,15 +129,48 @@ TEST(CurlTransport, StartsNothingWhenTheNetworkLayerCannotBeInitialised) {
   CurlDouble curl;
   WebServiceBuffer answer;
   curl.hasHandles = false;
-  EXPECT_EQ(HttpTransport::Curl().Start(RequestFor("http://h/p"), &answer), nullptr);
-  curl.hasHandles = true;
-  curl.refusedOption = "URL";
-  EXPECT_EQ(HttpTransport::Curl().Start(RequestFor("http://h/p"), &answer), nullptr);
-  const FormFields fields = {{"action", "register"}};
-  HttpRequest request = RequestFor("http://h/p");
-  request.form = &fields;
-  curl.refusedOption = "HTTPPOST";
-  EXPECT_EQ(HttpTransport::Curl().Start(request, &answer), nullptr);
+  EXPECT_EQ(HttpTransport::System().Start(RequestFor("http://h/p"), &answer), nullptr);
+}
+
+/// The multi code of a transfer's only pass, after which it must have ended
+/// without having received anything.
+int OnlyPass(const HttpRequest& request) {
+  WebServiceBuffer answer;
+  const auto transfer = HttpTransport::System().Start(request, &answer);
+  EXPECT_NE(transfer, nullptr);
+  int running = 1;
+  const int result = transfer->Perform(&running);
+  EXPECT_EQ(running, 0);
+  EXPECT_EQ(answer.data, nullptr);
+  transfer->Finish();
+  return result;
+}
+
+TEST(CurlTransport, SendsNothingThatCannotBeSetUpAsItWasAsked) {
+  const TempDirectory directory;
+  HttpRequest request = RequestFor("file://" + directory.Write("answer", "text"));
+  request.caFile = "/certs/h.pem";
+  CurlDouble curl;
+  for (const char* option : {"CAINFO", "SSL_VERIFYPEER", "SSL_VERIFYHOST"}) {
+    SCOPED_TRACE(option);
+    curl.refusedOption = option;
+    EXPECT_NE(OnlyPass(request), CURLM_OK);
+  }
+  curl.refusal = CURLE_OUT_OF_MEMORY;
+  for (const char* option : {"URL", "TIMEOUT", "ERRORBUFFER"}) {
+    SCOPED_TRACE(option);
+    curl.refusedOption = option;
+    EXPECT_NE(OnlyPass(request), CURLM_OK);
+  }
+}
+
+TEST(CurlTransport, GoesOnWithoutATimeOutThatIsRefused) {
+  const TempDirectory directory;
+  HttpRequest request = RequestFor("file://" + directory.Write("answer", "text"));
+  request.timeoutSeconds = -1;
+  WebServiceBuffer answer;
+  EXPECT_EQ(RunRequest(request, &answer).transferResult, CURLE_OK);
+  EXPECT_STREQ(answer.data, "text");
 }
 
 TEST(CurlTransport, ReportsHowATransferFailed) {
@@ -171,7 +204,7 @@ TEST(CurlTransport, FailsWhenTheBufferTakesNoMore) {
 TEST(CurlTransfer, CleansUpWhenItGoesBeforeItsEnd) {
   const std::ptrdiff_t before = OpenDescriptors();
   WebServiceBuffer answer;
-  auto transfer = HttpTransport::Curl().Start(RequestFor("nosuchscheme://host/"), &answer);
+  auto transfer = HttpTransport::System().Start(RequestFor("nosuchscheme://host/"), &answer);
   ASSERT_NE(transfer, nullptr);
   EXPECT_GT(OpenDescriptors(), before);
   transfer.reset();
@@ -188,7 +221,7 @@ TEST(CurlTransfer, CleansUpAfterItsEnd) {
 TEST(CurlTransfer, CleansNothingUpOnceItIsAbandoned) {
   const std::ptrdiff_t before = OpenDescriptors();
   WebServiceBuffer answer;
-  auto transfer = HttpTransport::Curl().Start(RequestFor("nosuchscheme://host/"), &answer);
+  auto transfer = HttpTransport::System().Start(RequestFor("nosuchscheme://host/"), &answer);
   ASSERT_NE(transfer, nullptr);
   const std::ptrdiff_t during = OpenDescriptors();
   ASSERT_GT(during, before);
@@ -218,7 +251,7 @@ TEST(RequestChannel, PassesARequestOnAndItsReplyBack) {
   WSReply reply;
   EXPECT_EQ(channel.Request(handle, 13, &reply, "action", "discover&a=b", 0), 0);
   channel.Shutdown(handle);
-  const HeapText text(reply.text);
+  const support::HeapText text(reply.text);
   EXPECT_EQ(reply.status, 7);
   EXPECT_STREQ(text.get(), "reply");
   EXPECT_THAT(curl.bodies, ::testing::ElementsAre("discover&a=b"));
@@ -242,7 +275,7 @@ TEST(RequestChannel, PassesTheFailureOfARequestBack) {
 TEST(Network, GoesThroughTheMachinesOwnClockAndTransports) {
   const Network network;
   EXPECT_EQ(network.clock, &support::Clock::System());
-  EXPECT_EQ(network.http, &HttpTransport::Curl());
+  EXPECT_EQ(network.http, &HttpTransport::System());
   EXPECT_EQ(network.channel, &RequestChannel::System());
 }
 

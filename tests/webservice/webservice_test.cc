@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "tests/testing/cleanse_watch.h"
 #include "tests/testing/fake_network.h"
+#include "tests/testing/heap_watch.h"
 #include "tests/testing/output_capture.h"
 #include "tests/testing/scoped_environment.h"
 #include "tests/testing/temp_directory.h"
@@ -79,18 +79,6 @@ TEST(WebService, StartsWithItsDefaults) {
   EXPECT_EQ(ws.timeout, 120);
   EXPECT_EQ(ws.shortTimeout, 30);
   EXPECT_EQ(ws.httpStatus, 0);
-}
-
-TEST(WebService, WipesTheValuesOfItsFieldsWhenItGoes) {
-  const storage::testing::CleanseWatch watch;
-  {
-    WebService ws;
-    ws.field("passwd", "short");
-    ws.field("other", "a secret that is far too long to be kept in place");
-    EXPECT_TRUE(watch.blocks().empty());
-  }
-  EXPECT_TRUE(watch.Saw("short"));
-  EXPECT_TRUE(watch.Saw("a secret that is far too long to be kept in place"));
 }
 
 TEST(WebServiceField, KeepsNamesInByteOrder) {
@@ -294,6 +282,14 @@ TEST(WebServiceWait, GivesUpAtTheFirstLookBehindTheDeadline) {
   }
 }
 
+TEST(WebServiceWait, GivesUpAtOnceWhenTheDeadlineLiesInThePast) {
+  Request request;
+  request.ws.timeout = -1;
+  ExpectFailure(WaitForPasses(&request, 0), kTimedOut);
+  EXPECT_EQ(request.fake.http.calls, Calls(0, "abandon"));
+  EXPECT_TRUE(request.fake.clock.sleeps.empty());
+}
+
 TEST(WebServiceWait, TakesHundredAndTwentyToHundredAndTwentyTwoSecondsAtMost) {
   Request request;
   const std::time_t start = request.fake.clock.now;
@@ -438,16 +434,6 @@ TEST(WebServiceChannel, IsChosenByTheWholeScheme) {
   EXPECT_TRUE(bare.fake.http.calls.empty());
 }
 
-TEST(WebServiceChannel, PassesNoKeyDirectoryThatIsTooLong) {
-  const std::string longest(5011, 'k');
-  ChannelRequest fits({{"keydir", longest}});
-  ExpectSuccess(fits.Get());
-  EXPECT_EQ(fits.fake.channel.calls.at(0), "init vrmo://h/p   " + longest + " 0");
-  ChannelRequest tooLong({{"keydir", longest + "k"}});
-  ExpectSuccess(tooLong.Get());
-  EXPECT_EQ(tooLong.fake.channel.calls.at(0), "init vrmo://h/p    0");
-}
-
 TEST(WebServiceChannel, ReportsThatItCannotBeInitialised) {
   ChannelRequest request;
   request.fake.channel.init = false;
@@ -485,47 +471,32 @@ TEST(WebServiceChannel, TakesAReplyWithoutText) {
   EXPECT_EQ(request.Buffer(), "(null)");
 }
 
-TEST(WebServiceChannel, WipesItsCopiesOfTheSecretsAndTheReply) {
-  ChannelRequest request({{"login", "joe the login"}, {"passwd", "pw"}, {"rules", "r"}});
-  request.fake.channel.text = "reply with a password";
-  const storage::testing::CleanseWatch watch;
+TEST(WebServiceChannel, AppendsTheReplyBeforeItShutsTheChannelDown) {
+  ChannelRequest request;
+  std::string atShutdown;
+  request.fake.channel.text = "reply";
+  request.fake.channel.onShutdown = [&] { atShutdown = request.Buffer(); };
   ExpectSuccess(request.Get());
-  EXPECT_TRUE(watch.Saw("joe the login"));
-  EXPECT_TRUE(watch.Saw("pw"));
-  EXPECT_TRUE(watch.Saw("rules=r"));
-  EXPECT_TRUE(watch.Saw("reply with a password"));
+  EXPECT_EQ(atShutdown, "reply");
 }
 
-// The receipt of an answer.
-
-TEST(WebServiceDataCallback, AppendsAndTerminates) {
-  WebServiceBuffer buffer;
-  char bytes[] = {'a', 'b', '\0', 'd'};
-  EXPECT_EQ(WebService::data_callback(bytes, 2, 2, &buffer), 4u);
-  EXPECT_EQ(WebService::data_callback(bytes, 1, 1, &buffer), 1u);
-  ASSERT_EQ(buffer.size, 5u);
-  EXPECT_EQ(std::string(buffer.data, 6), std::string("ab\0da\0", 6));
+TEST(WebServiceChannel, CutsAKeyDirectoryThatIsTooLong) {
+  for (const std::size_t length : {5010u, 5011u, 5012u, 10000u}) {
+    SCOPED_TRACE(length);
+    ChannelRequest request({{"keydir", std::string(length, 'k')}});
+    ExpectSuccess(request.Get());
+    EXPECT_EQ(request.fake.channel.calls.front(),
+              "init vrmo://h/p   " + std::string(std::min(length, std::size_t{5011}), 'k') + " 0");
+  }
 }
 
-TEST(WebServiceDataCallback, MakesAnEmptyTextOfNoBytes) {
-  WebServiceBuffer buffer;
-  EXPECT_EQ(WebService::data_callback(nullptr, 1, 0, &buffer), 0u);
-  ASSERT_NE(buffer.data, nullptr);
-  EXPECT_STREQ(buffer.data, "");
-}
-
-TEST(WebServiceDataCallback, TakesNothingWithoutABuffer) {
-  char bytes[] = "ab";
-  EXPECT_EQ(WebService::data_callback(bytes, 1, 2, nullptr), 0u);
-}
-
-TEST(WebServiceDataCallback, EmptiesTheBufferWhenTheAnswerBecomesTooLong) {
-  WebServiceBuffer buffer;
-  char bytes[] = "ab";
-  ASSERT_EQ(WebService::data_callback(bytes, 1, 2, &buffer), 2u);
-  EXPECT_EQ(WebService::data_callback(bytes, 1, support::kMaxAnswerBytes, &buffer), 0u);
-  EXPECT_EQ(buffer.data, nullptr);
-  EXPECT_EQ(buffer.size, 0u);
+TEST(WebServiceChannel, LeavesNoCopyOfThePasswordButTheForms) {
+  const std::string secret = "a password too long to lie inside an object";
+  ChannelRequest request({{"login", "joe"}, {"passwd", secret}});
+  request.fake.channel.recordsCalls = false;
+  const storage::testing::FreedTextWatch watch(secret);
+  ExpectSuccess(request.Get());
+  EXPECT_FALSE(watch.seen());
 }
 
 }  // namespace

@@ -7,21 +7,22 @@
 #include <algorithm>
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "tests/testing/cleanse_watch.h"
 #include "tests/testing/command_line.h"
 #include "tests/testing/fake_network.h"
+#include "tests/testing/heap_watch.h"
 #include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-using storage::testing::CleanseWatch;
 using storage::testing::FakeNetwork;
+using storage::testing::FreedTextWatch;
 using storage::testing::Options;
 using storage::testing::Outcome;
 using storage::testing::OutcomeOf;
@@ -64,12 +65,6 @@ void ExpectFailure(const Outcome& outcome, const std::string& failure, const std
   EXPECT_EQ(outcome.err, err);
 }
 
-/// How many of the wiped blocks began with `text`.
-std::ptrdiff_t TimesWiped(const CleanseWatch& watch, const std::string& text) {
-  return std::count_if(watch.blocks().begin(), watch.blocks().end(),
-                       [&](const std::string& block) { return block.rfind(text, 0) == 0; });
-}
-
 TEST(PPrepareWebService, TakesAddressAndCredentialsFromTheOptions) {
   Preparation call({"--url", "https://spa:8443/base", "--login", "joe", "--passwd", "pw"});
   ExpectSuccess(call.Prepare());
@@ -100,7 +95,7 @@ TEST(PPrepareWebService, AppendsThePageUnlessTheAddressIsTheChannels) {
     ExpectSuccess(call.Prepare());
     EXPECT_EQ(call.ws.url, url);
     Preparation stored({});
-    stored.proxy.StoreCredentials(address, "l", "p", "k");
+    stored.proxy.StoreCredentials(address, "l", support::Secret("p"), "k");
     ExpectSuccess(stored.Prepare());
     EXPECT_EQ(stored.ws.url, url);
   }
@@ -188,15 +183,26 @@ TEST(PasswordFile, IsNotReadBesideAPassword) {
   EXPECT_EQ(call.ws.fields["passwd"], "pw");
 }
 
-TEST(PasswordFile, LeavesNoCopyOfThePasswordUnwiped) {
+TEST(PasswordFile, LeavesNoCopyOfThePasswordButTheRequests) {
+  const std::string secret = "the secret of the file, too long for an object";
   const TempDirectory directory;
   Preparation call({"--url", "http://s", "--login", "joe", "--passwdfile",
-                    directory.Write("passwd", "# mine\nxpasswd=secret of the file\n")});
-  const CleanseWatch watch;
+                    directory.Write("passwd", "# mine\nxpasswd=" + secret + "\n")});
+  const FreedTextWatch watch(secret);
   ExpectSuccess(call.Prepare());
-  EXPECT_TRUE(watch.Saw("xpasswd=secret of the file"));
-  // The one read from the file, and the one on its way into the request.
-  EXPECT_EQ(TimesWiped(watch, "secret of the file"), 2);
+  EXPECT_FALSE(watch.seen());
+  EXPECT_EQ(call.ws.fields["passwd"], secret);
+}
+
+TEST(PasswordFile, IsSearchedAcrossAnyBlockOfItsReading) {
+  const TempDirectory directory;
+  for (const std::size_t before : {4089u, 4090u, 4095u, 4096u, 4097u, 100000u}) {
+    SCOPED_TRACE(before);
+    Preparation call({"--url", "http://s", "--login", "joe", "--passwdfile",
+                      directory.Write("passwd", std::string(before, 'p') + "passwpasswd=pw\n")});
+    ExpectSuccess(call.Prepare());
+    EXPECT_EQ(call.ws.fields["passwd"], "pw");
+  }
 }
 
 // With stored credentials.
@@ -204,7 +210,8 @@ TEST(PasswordFile, LeavesNoCopyOfThePasswordUnwiped) {
 /// The login, password and key directory sent by a proxy that has stored ones.
 std::string StoredAccount(const std::vector<std::string>& arguments) {
   Preparation call(arguments);
-  call.proxy.StoreCredentials("http://stored", "stored-login", "stored-pw", "/stored");
+  call.proxy.StoreCredentials("http://stored", "stored-login", support::Secret("stored-pw"),
+                              "/stored");
   ExpectSuccess(call.Prepare());
   EXPECT_EQ(call.ws.url, "http://stored/ws_page.php");
   EXPECT_EQ(call.ws.fields.size(), 3u);
@@ -226,40 +233,45 @@ TEST(StoredCredentials, AreUsedUnlessAnOptionTakesTheirPlace) {
 TEST(StoredCredentials, KeepTheirKeyDirectoryAgainstTheOption) {
   EXPECT_EQ(StoredAccount({"--keydir", "/option"}), "stored-login stored-pw /stored");
   Preparation call({"--keydir", "/option"});
-  call.proxy.StoreCredentials("http://stored", "l", "p", "");
+  call.proxy.StoreCredentials("http://stored", "l", support::Secret("p"), "");
   ExpectSuccess(call.Prepare());
   EXPECT_THAT(call.ws.fields, Contains(Pair("keydir", "")));
 }
 
 TEST(StoredCredentials, StillRefuseABadPasswordFile) {
   Preparation call({"--passwdfile", "/nonexistent/passwd"});
-  call.proxy.StoreCredentials("http://stored", "l", "p", "k");
+  call.proxy.StoreCredentials("http://stored", "l", support::Secret("p"), "k");
   ExpectFailure(call.Prepare(), kBadFile, "Failed to open SPA passwd file.\n");
 }
 
 TEST(StoredCredentials, CountAsNoneWithoutAUrl) {
   Preparation call({"--url", "http://s", "--login", "joe"});
-  call.proxy.StoreCredentials("", "l", "p", "k");
+  call.proxy.StoreCredentials("", "l", support::Secret("p"), "k");
   ExpectFailure(call.Prepare(), kMissing, "");
   Preparation whole({"--url", "http://s", "--login", "joe", "--passwd", "pw"});
-  whole.proxy.StoreCredentials("", "l", "p", "k");
+  whole.proxy.StoreCredentials("", "l", support::Secret("p"), "k");
   ExpectSuccess(whole.Prepare());
   EXPECT_THAT(whole.ws.fields, ElementsAre(Pair("login", "joe"), Pair("passwd", "pw")));
 }
 
-TEST(StoredCredentials, ServeEveryCallAndAreWipedWithTheProxy) {
-  const CleanseWatch watch;
-  {
-    WSCataProxy proxy(Options({}));
-    proxy.StoreCredentials("http://stored", "l", "the stored password", "k");
-    for (int call = 0; call < 2; ++call) {
-      WebService ws;
-      proxy.PPrepareWebService(&ws, "p");
-      EXPECT_EQ(ws.fields["passwd"], "the stored password");
-    }
+TEST(StoredCredentials, ServeEveryCall) {
+  WSCataProxy proxy(Options({}));
+  proxy.StoreCredentials("http://stored", "l", support::Secret("stored-pw"), "k");
+  for (int call = 0; call < 2; ++call) {
+    WebService ws;
+    proxy.PPrepareWebService(&ws, "p");
+    EXPECT_EQ(ws.fields["passwd"], "stored-pw");
   }
-  // Two requests with one copy each on their way into them, and the proxy's own.
-  EXPECT_EQ(TimesWiped(watch, "the stored password"), 5);
+}
+
+TEST(StoredCredentials, LeaveNoPasswordBehindWhenTheProxyGoes) {
+  const std::string secret = "a stored password, too long to lie in an object";
+  auto proxy = std::make_unique<WSCataProxy>(Options({}));
+  proxy->StoreCredentials("http://stored", "l", support::Secret("earlier"), "k");
+  const FreedTextWatch watch(secret);
+  proxy->StoreCredentials("http://stored", "l", support::Secret(secret), "k");
+  proxy.reset();
+  EXPECT_FALSE(watch.seen());
 }
 
 // The agent page.
@@ -306,7 +318,7 @@ TEST(PPrepareAgentWebService, AddsTheKeyDirectoryUnlessOneIsStored) {
   ExpectSuccess(call.PrepareAgent());
   EXPECT_THAT(call.ws.fields, Contains(Pair("keydir", "/k")));
   Preparation stored(arguments);
-  stored.proxy.StoreCredentials("http://stored", "l", "p", "/stored");
+  stored.proxy.StoreCredentials("http://stored", "l", support::Secret("p"), "/stored");
   ExpectSuccess(stored.PrepareAgent());
   EXPECT_THAT(stored.ws.fields, Contains(Pair("keydir", "/stored")));
   EXPECT_THAT(AgentFields("5"), Not(Contains(Key("keydir"))));

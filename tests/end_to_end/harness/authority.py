@@ -56,7 +56,8 @@ class Authority:
         headers = {"Content-Type": f"multipart/form-data; boundary={_BOUNDARY}"}
         request = urllib.request.Request(f"{self.url}/{page}", body, headers)
         with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request) as answer:
-            return answer.read().decode()
+            text: bytes = answer.read()
+        return text.decode()
 
     def first_record(self, page: str, fields: Mapping[str, str]) -> dict[str, str]:
         """The first record of the answer to such a form."""

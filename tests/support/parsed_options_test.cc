@@ -1,4 +1,4 @@
-#include "frontend/parsed_options.h"
+#include "support/parsed_options.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include "tests/testing/command_line.h"
 #include "tests/testing/heap_watch.h"
 
-namespace corvel::storage::tzregister {
+namespace corvel::storage::support {
 namespace {
 
 using storage::testing::FreedTextWatch;
@@ -57,22 +57,34 @@ TEST(ParsedOptions, HoldsACopyOfItsOwn) {
   const ParsedOptions options(parsed);
   parsed.clear();
   EXPECT_EQ(options.Text("url"), "http://spa");
-  EXPECT_EQ(options.map()["url"].as<std::string>(), "http://spa");
 }
 
-TEST(ParsedOptions, IsWipedOfThePasswordWhenItGoes) {
+TEST(ParsedOptions, GivesThePasswordAsASecretAlone) {
+  const ParsedOptions options(Options({"--passwd", "pw", "--login", "me"}));
+  EXPECT_EQ(options.SecretText("passwd").text(), "pw");
+  EXPECT_THROW(options.Text("passwd"), boost::bad_any_cast);
+  EXPECT_THROW(options.SecretText("login"), boost::bad_any_cast);
+  EXPECT_THROW(options.SecretText("keydir"), boost::bad_any_cast);
+}
+
+TEST(ParsedOptions, SharesThePasswordWithItsCopies) {
+  const auto parsed = Options({"--passwd", "pw"});
+  const ParsedOptions first(parsed);
+  const ParsedOptions second(parsed);
+  EXPECT_EQ(&first.SecretText("passwd"), &second.SecretText("passwd"));
+}
+
+TEST(ParsedOptions, LeavesNoPasswordBehindWhenTheLastCopyGoes) {
   const std::string secret = "a secret too long to lie inside an object";
-  const auto parsed = Options({"--passwd", secret});
+  auto parsed =
+      std::make_unique<boost::program_options::variables_map>(Options({"--passwd", secret}));
+  auto options = std::make_unique<ParsedOptions>(*parsed);
   const FreedTextWatch watch(secret);
-  std::make_unique<ParsedOptions>(parsed).reset();
+  parsed.reset();
+  EXPECT_EQ(options->SecretText("passwd").text(), secret);
+  options.reset();
   EXPECT_FALSE(watch.seen());
-  EXPECT_EQ(parsed["passwd"].as<std::string>(), secret);
-}
-
-TEST(ParsedOptions, GoesQuietlyWithoutAPassword) {
-  const auto parsed = Options({"--url", "http://spa"});
-  EXPECT_NO_THROW(std::make_unique<ParsedOptions>(parsed).reset());
 }
 
 }  // namespace
-}  // namespace corvel::storage::tzregister
+}  // namespace corvel::storage::support

@@ -1,4 +1,4 @@
-#include "support/library.h"
+#include "support/startup.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "support/library.h"
+#include "support/startup.h"
 
 #include <curl/curl.h>
 #include <fcntl.h>

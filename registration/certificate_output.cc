@@ -3,19 +3,14 @@
 #include <cstdio>
 #include <iostream>
 
-#include "frontend/register_exception.h"
 #include "registration/certificate.h"
+#include "registration/failures.h"
 #include "registration/registrator.h"
 #include "support/file_system.h"
 #include "support/openssl_handle.h"
 
 namespace corvel::storage::tzregister {
 namespace {
-
-[[noreturn]] void Throw() {
-  throw RegisterException(ERR_CERTIFICATE, SEVERITY_ERROR, "Registrator",
-                          "Could not create certificates.");
-}
 
 bool WriteKey(BIO* target, EVP_PKEY* key) {
   return PEM_write_bio_PrivateKey(target, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
@@ -41,7 +36,7 @@ void PrintPair(const OpenSSLCertificate& pair) {
 
 support::FilePtr OpenOrThrow(const std::string& path, support::FilePrivacy privacy) {
   support::FilePtr file = support::OpenForWriting(path, privacy);
-  if (file == nullptr) Throw();
+  if (file == nullptr) failures::kNoCertificate.Throw();
   return file;
 }
 
@@ -50,7 +45,7 @@ support::FilePtr OpenOrThrow(const std::string& path, support::FilePrivacy priva
 void WritePair(const OpenSSLCertificate& pair, support::FilePtr certFile,
                support::FilePtr keyFile) {
   const support::BioPtr memory(BIO_new(BIO_s_mem()));
-  if (memory == nullptr) Throw();
+  if (memory == nullptr) failures::kNoCertificate.Throw();
   int failures = 0;
   if (!WriteKey(memory.get(), pair.key()) || !WriteContents(memory.get(), keyFile.get())) {
     ++failures;
@@ -62,7 +57,7 @@ void WritePair(const OpenSSLCertificate& pair, support::FilePtr certFile,
   }
   if (!support::CloseFile(std::move(certFile))) ++failures;
   if (!support::CloseFile(std::move(keyFile))) ++failures;
-  if (failures > 0) Throw();
+  if (failures > 0) failures::kNoCertificate.Throw();
 }
 
 }  // namespace
@@ -70,7 +65,7 @@ void WritePair(const OpenSSLCertificate& pair, support::FilePtr certFile,
 void Registrator::GenerateSSLCertificate(const std::string& certFile, const std::string& keyFile,
                                          const std::string& /*extra*/) {
   OpenSSLCertificate pair;
-  if (pair.open() != 0) Throw();
+  if (pair.open() != 0) failures::kNoCertificate.Throw();
   if (certFile.empty() || keyFile.empty()) {
     PrintPair(pair);
     return;
