@@ -9,6 +9,7 @@
 
 #include "frontend/argument_guard.h"
 #include "fuzz/fuzzing.h"
+#include "support/parsed_options.h"
 
 namespace {
 
@@ -62,8 +63,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   for (const auto& option : options) {
     Expect(description.find_nothrow(option.first, false) != nullptr, "an option is a known one");
   }
-  if (options.count("passwd") > 0) {
-    Expect(IsMasked(options["passwd"].as<std::string>(), before, words), "the password is masked");
+  guard.RestorePassword(&options);
+  const corvel::storage::support::ParsedOptions parsed(options);
+  if (parsed.Has("passwd")) {
+    Expect(IsMasked(parsed.SecretText("passwd").text(), before, words), "the password is masked");
   }
   return 0;
 }
