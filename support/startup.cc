@@ -10,11 +10,12 @@
 namespace {
 
 /// A file or connection that took the number of a closed standard stream would
-/// receive the diagnostics meant for it.
+/// receive the diagnostics meant for it. Opened for reading, so that what is
+/// printed there still fails and no result passes for delivered.
 void OccupyStandardStreams() {
   int descriptor = 0;
   do {
-    descriptor = open("/dev/null", O_RDWR);
+    descriptor = open("/dev/null", O_RDONLY);
   } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
   if (descriptor > STDERR_FILENO) close(descriptor);
 }

@@ -5,8 +5,8 @@
 /// before anything else of it. `programName` and `libraryVersion` say who asks
 /// and for which release of the library; both are zero-terminated.
 ///
-/// Opens /dev/null in place of closed standard streams, switches core dumps off
-/// because the process holds passwords, makes a write to a closed connection an
+/// Opens /dev/null for reading in place of closed standard streams, switches core
+/// dumps off because the process holds passwords, makes a write to a closed connection an
 /// error instead of the end of the process, and brings libcurl up. Failures are
 /// ignored: what then does not work says so when it is used.
 void InitSupportLibrary(const char* programName, const char* libraryVersion);

@@ -1,9 +1,7 @@
-"""Fixtures of the authority's tests, and the folder that they keep their files in."""
+"""Fixtures of the authority's tests."""
 
 from __future__ import annotations
 
-import shutil
-import tempfile
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -11,22 +9,6 @@ import pytest
 
 from harness.authority import Authority, Front, make_certificate
 from harness.programs import AUTHORITY, start, stop
-
-
-_FOLDER = pytest.StashKey[str]()
-
-
-@pytest.hookimpl(tryfirst=True)
-def pytest_configure(config: pytest.Config) -> None:
-    """Takes a folder of this run's own, unless one is named: by the caller, or by the run that this is a worker of."""
-    if config.option.basetemp is None:
-        config.stash[_FOLDER] = config.option.basetemp = tempfile.mkdtemp(prefix="authority-tests-")
-
-
-def pytest_sessionfinish(session: pytest.Session) -> None:
-    """Leaves nothing behind when every case has passed."""
-    if _FOLDER in session.config.stash and not session.testsfailed:
-        shutil.rmtree(session.config.stash[_FOLDER])
 
 
 @pytest.fixture
