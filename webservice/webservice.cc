@@ -95,7 +95,7 @@ const char* WebService::SendByHttp(long* httpCode) {
   HttpRequest request;
   request.url = url;
   request.form = hasFields ? &fields : nullptr;
-  if (supportTWLXSSLVerify() != 0) request.caFile = support::ServerCertificateFile(url);
+  request.verification = support::VerificationOf(url);
   request.timeoutSeconds = timeout;
   const std::unique_ptr<HttpTransfer> transfer = network_.http->Start(request, &buffer);
   if (transfer == nullptr) return "Can't initialize webservice network layer";
