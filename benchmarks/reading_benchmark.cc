@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -52,44 +54,83 @@ std::size_t ReceiveByteByByte(const std::string& text) { return Receive(text, 1)
 
 using Work = std::size_t (*)(const std::string& text);
 
-void Run(benchmark::State& state, const std::string& text, Work work) {
-  for (auto _ : state) benchmark::DoNotOptimize(work(text));
-  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
-}
+/// A text that is made when it is first asked for.
+class Corpus {
+ public:
+  template <typename Make>
+  Corpus(const Make& make) : make_(make) {}
 
-struct Row {
-  const char* name;
-  Work work;
-  std::string text;
+  const std::string& text() {
+    if (text_.empty()) text_ = make_();
+    return text_;
+  }
+
+ private:
+  std::function<std::string()> make_;
+  std::string text_;
 };
 
-std::vector<Row> Rows() {
-  std::vector<Row> rows;
+struct Row {
+  std::string name;
+  Work work;
+  std::shared_ptr<Corpus> corpus;
+};
+
+template <typename Make>
+std::shared_ptr<Corpus> Shared(const Make& make) {
+  return std::make_shared<Corpus>(make);
+}
+
+std::string Named(const char* name, std::size_t size) {
+  return std::string(name) + "/" + std::to_string(size);
+}
+
+void AddPeers(std::vector<Row>* rows) {
   for (const std::size_t size : {kMegabyte, 10 * kMegabyte}) {
-    const std::string file = ConfigFile(size);
-    rows.push_back({"config/tzregister", RewriteConfigFile, file});
-    rows.push_back({"config/SimpleIni", RewriteWithSimpleIni, file});
-    rows.push_back({"config/PropertyTree", RewriteWithPropertyTree, file});
-    rows.push_back({"config/plain_map", RewriteWithPlainMap, file});
+    const auto file = Shared([=] { return ConfigFile(size); });
+    rows->push_back({Named("config/tzregister", size), RewriteConfigFile, file});
+    rows->push_back({Named("config/SimpleIni", size), RewriteWithSimpleIni, file});
+    rows->push_back({Named("config/PropertyTree", size), RewriteWithPropertyTree, file});
+    rows->push_back({Named("config/plain_map", size), RewriteWithPlainMap, file});
   }
-  const std::string records = Records(100000);
-  rows.push_back({"records/tzregister", ReadRecords, records});
-  rows.push_back({"records/plain_map", ReadRecordsIntoMaps, records});
-  rows.push_back({"records/tuned_map", ReadRecordsIntoTunedMaps, records});
-  rows.push_back({"records/strdup_alone", CopyEachValue, records});
+  const std::size_t count = 100000;
+  const auto records = Shared([=] { return Records(count); });
+  rows->push_back({Named("records/tzregister", count), ReadRecords, records});
+  rows->push_back({Named("records/plain_map", count), ReadRecordsIntoMaps, records});
+  rows->push_back({Named("records/tuned_map", count), ReadRecordsIntoTunedMaps, records});
+  rows->push_back({Named("records/strdup_alone", count), CopyEachValue, records});
+}
+
+void AddLargeValues(std::vector<Row>* rows) {
   for (const std::size_t megabytes : {1u, 10u, 100u}) {
-    rows.push_back({"one_value/answer", ReadRecords, OneLargeValue(megabytes * kMegabyte)});
-    rows.push_back({"one_value/config", RewriteConfigFile, OneLargeOption(megabytes * kMegabyte)});
+    const std::size_t size = megabytes * kMegabyte;
+    rows->push_back({Named("one_value/answer", size), ReadRecords,
+                     Shared([=] { return OneLargeValue(size); })});
+    rows->push_back({Named("one_value/config", size), RewriteConfigFile,
+                     Shared([=] { return OneLargeOption(size); })});
   }
+}
+
+/// Texts whose cost could grow faster than they do, in two sizes each.
+void AddShapes(std::vector<Row>* rows) {
   for (const std::size_t scale : {1u, 10u}) {
-    rows.push_back({"shape/comment_before_lines", RewriteConfigFile,
-                    OptionsBehindComment(scale << 17, scale * 10000)});
-    rows.push_back({"shape/one_section", RewriteConfigFile, OneSection(scale * 100000)});
-    rows.push_back({"shape/many_sections", RewriteConfigFile, ManySections(scale * 10000)});
-    rows.push_back({"shape/many_columns", ReadRecords, WideRecords(scale * 1000)});
-    rows.push_back({"shape/one_byte_pieces", ReceiveByteByByte, OneLargeValue(scale * kMegabyte)});
+    const auto add = [&](const char* name, Work work, const auto& make) {
+      rows->push_back({Named(name, scale), work, Shared(make)});
+    };
+    add("shape/comment_before_lines", RewriteConfigFile,
+        [=] { return OptionsBehindComment(scale << 17, scale * 10000); });
+    add("shape/one_section", RewriteConfigFile, [=] { return OneSection(scale * 100000); });
+    add("shape/many_sections", RewriteConfigFile, [=] { return ManySections(scale * 10000); });
+    add("shape/many_columns", ReadRecords, [=] { return WideRecords(scale * 1000); });
+    add("shape/one_byte_pieces", ReceiveByteByByte,
+        [=] { return OneLargeValue(scale * kMegabyte); });
   }
-  return rows;
+}
+
+void Run(benchmark::State& state, const Row& row) {
+  const std::string& text = row.corpus->text();
+  for (auto _ : state) benchmark::DoNotOptimize(row.work(text));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 
 }  // namespace
@@ -99,11 +140,13 @@ int main(int argc, char** argv) {
   namespace benchmarks = corvel::storage::benchmarks;
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  const std::vector<benchmarks::Row> rows = benchmarks::Rows();
+  std::vector<benchmarks::Row> rows;
+  benchmarks::AddPeers(&rows);
+  benchmarks::AddLargeValues(&rows);
+  benchmarks::AddShapes(&rows);
   for (const benchmarks::Row& row : rows) {
-    const std::string name = std::string(row.name) + "/" + std::to_string(row.text.size());
-    benchmark::RegisterBenchmark(name.c_str(), [&row](benchmark::State& state) {
-      benchmarks::Run(state, row.text, row.work);
+    benchmark::RegisterBenchmark(row.name.c_str(), [&row](benchmark::State& state) {
+      benchmarks::Run(state, row);
     })->Unit(benchmark::kMillisecond);
   }
   benchmark::RunSpecifiedBenchmarks();

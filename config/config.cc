@@ -8,15 +8,17 @@ bool StringCaseCmp::operator()(const std::string& a, const std::string& b) const
 }
 
 SectionOptionMap* TZConfig::GetOptionMap(const std::string& section) {
+  if (last_ != sections_.end() && last_->first == section) return last_->second.get();
   const auto place = sections_.lower_bound(section);
   if (place != sections_.end() && !sections_.key_comp()(section, place->first)) {
+    last_ = place;
     return place->second.get();
   }
   // The order grows first: when the map then cannot, the name is taken back.
   sectionOrder_.push_back(section);
   try {
-    return sections_.emplace_hint(place, section, std::make_unique<SectionOptionMap>())
-        ->second.get();
+    last_ = sections_.emplace_hint(place, section, std::make_unique<SectionOptionMap>());
+    return last_->second.get();
   } catch (...) {
     sectionOrder_.pop_back();
     throw;
@@ -68,6 +70,7 @@ std::int32_t TZConfig::GetOptionValue(const std::string& section, const std::str
 
 void TZConfig::Reset() {
   sections_.clear();
+  last_ = sections_.end();
   sectionOrder_.clear();
 }
 

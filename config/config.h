@@ -78,7 +78,11 @@ class TZConfig {
   OptionValue* OptionEntry(const std::string& section, const std::string& option,
                            std::int32_t* result);
 
-  std::map<std::string, std::unique_ptr<SectionOptionMap>, StringCaseCmp> sections_;
+  using Sections = std::map<std::string, std::unique_ptr<SectionOptionMap>, StringCaseCmp>;
+
+  Sections sections_;
+  /// The section of the last call: the next one mostly asks for the same.
+  Sections::iterator last_ = sections_.end();
   std::vector<std::string> sectionOrder_;
 };
 

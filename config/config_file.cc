@@ -98,8 +98,8 @@ void DumpComment(const std::string& comment, std::ostream* stream) {
 /// Writes the options of `map`, which is the section called `section`.
 void DumpOptions(const std::string& section, const SectionOptionMap& map, TZConfig* config,
                  std::ostream* stream) {
+  OptionValue option;
   for (const auto& entry : map.options) {
-    OptionValue option;
     if (config->GetOptionValue(section, entry.first, &option.value, &option.comment) != kSuccess) {
       support::PrintDiagnostic("Failed to get value for option: " + entry.first);
       return;

@@ -1,5 +1,6 @@
 #include "webservice/record_set.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -10,12 +11,19 @@
 namespace corvel::storage::tzregister {
 namespace {
 
-constexpr char kValueEnds[] = "|\n\r";
 constexpr int kIntegerType = 1;
 constexpr int kStringType = 2;
 
-/// The cell of a column of type `type`; null for a column that is not kept.
-std::unique_ptr<Field> MakeField(const FieldDefinition& definition, const char* value) {
+/// Length of the value at `text`: up to a bar, a line break or the end. Values are
+/// short, too short for what the library's search sets up first.
+std::size_t ValueLength(const char* text) {
+  const char* end = text;
+  while (*end != '|' && *end != '\n' && *end != '\r' && *end != '\0') ++end;
+  return static_cast<std::size_t>(end - text);
+}
+
+/// The cell of a column; null for a column that is not kept.
+std::unique_ptr<Field> MakeField(const FieldDefinition& definition, std::string_view value) {
   switch (definition.type) {
     case 'I':
       return std::make_unique<IntegerField>(CopyText(definition.name.get()), CopyText(value));
@@ -29,9 +37,11 @@ std::unique_ptr<Field> MakeField(const FieldDefinition& definition, const char* 
 
 }  // namespace
 
-HeapText CopyText(const char* text) {
-  HeapText copy(strdup(text));
+HeapText CopyText(std::string_view text) {
+  HeapText copy(static_cast<char*>(std::malloc(text.size() + 1)));
   if (copy == nullptr) throw std::bad_alloc();
+  std::memcpy(copy.get(), text.data(), text.size());
+  copy.get()[text.size()] = '\0';
   return copy;
 }
 
@@ -61,10 +71,11 @@ std::string Record::getValue(const std::string& name, bool /*required*/) const {
 void RecordSet::insert(char* line) {
   auto record = std::make_unique<Record>();
   for (const auto& definition : definitions) {
-    char* const end = line + std::strcspn(line, kValueEnds);
+    const std::string_view value(line, ValueLength(line));
+    char* const end = line + value.size();
     const bool more = *end != '\0';
     *end = '\0';
-    if (std::unique_ptr<Field> field = MakeField(*definition, line)) {
+    if (std::unique_ptr<Field> field = MakeField(*definition, value)) {
       const char* const key = field->name.get();
       record->fields.emplace(key, std::move(field));
       ++record->fieldCount;

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/handle.h"
@@ -14,8 +15,8 @@ namespace corvel::storage::tzregister {
 
 using support::HeapText;
 
-/// A heap copy of `text`, which is zero-terminated. Throws std::bad_alloc.
-HeapText CopyText(const char* text);
+/// A zero-terminated heap copy of `text`. Throws std::bad_alloc.
+HeapText CopyText(std::string_view text);
 
 /// One column of an answer: its name and the first character of its type.
 struct FieldDefinition {

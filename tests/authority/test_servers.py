@@ -50,9 +50,9 @@ class Server:
 
 def snippet(mark: str) -> str:
     """The README's piece of nginx configuration that holds a mark."""
-    pieces = re.findall(r"^```nginx\n(.*?)^```$", (AUTHORITY / "README.md").read_text(), re.M | re.S)
-    [piece] = [piece for piece in pieces if mark in piece]
-    return piece
+    pieces: list[str] = re.findall(r"^```nginx\n(.*?)^```$", (AUTHORITY / "README.md").read_text(), re.M | re.S)
+    [found] = [piece for piece in pieces if mark in piece]
+    return found
 
 
 @contextmanager
