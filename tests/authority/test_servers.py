@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import re
 import subprocess
+import tempfile
 import threading
 from collections.abc import Iterator
 from contextlib import contextmanager
@@ -65,7 +66,9 @@ def running(*command: str | Path, until: Path) -> Iterator[None]:
             if until.exists() or process.poll() is not None:
                 break
             pause.wait(0.05)
-        assert until.exists(), process.communicate()
+        if not until.exists():
+            process.terminate()
+            raise AssertionError(process.communicate(timeout=TIMEOUT_S))
         yield
     finally:
         process.terminate()
@@ -107,18 +110,25 @@ def php_fpm(folder: Path) -> Iterator[None]:
         yield
 
 
+@pytest.fixture
+def folder() -> Iterator[Path]:
+    """A folder with a short name: the path of a socket has 107 bytes at most."""
+    with tempfile.TemporaryDirectory() as made:
+        yield Path(made)
+
+
 @pytest.fixture(params=["proxy_pass", "fastcgi_pass"])
-def server(request: pytest.FixtureRequest, authority: Authority, tmp_path: Path) -> Iterator[Server]:
+def server(request: pytest.FixtureRequest, authority: Authority, folder: Path) -> Iterator[Server]:
     """nginx with the authority under /spa."""
-    replaced = {"http://127.0.0.1:41741": authority.url, "unix:/run/php/php8.2-fpm.sock": f"unix:{tmp_path}/fpm.sock"}
+    replaced = {"http://127.0.0.1:41741": authority.url, "unix:/run/php/php8.2-fpm.sock": f"unix:{folder}/fpm.sock"}
     # A link, because nginx would want its blanks quoted.
-    (tmp_path / "pages").symlink_to(AUTHORITY / "pages")
-    replaced |= {"/srv/authority": str(tmp_path), "/srv/spa": str(authority.data)}
+    (folder / "pages").symlink_to(AUTHORITY / "pages")
+    replaced |= {"/srv/authority": str(folder), "/srv/spa": str(authority.data)}
     location = snippet(request.param)
     for shown, real in replaced.items():
         location = location.replace(shown, real)
-    with php_fpm(tmp_path), nginx(tmp_path, location):
-        yield Server(tmp_path, authority.password)
+    with php_fpm(folder), nginx(folder, location):
+        yield Server(folder, authority.password)
 
 
 def named_address(answer: str) -> str:

@@ -2,19 +2,19 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "frontend/options.h"
 #include "support/parsed_options.h"
-#include "tests/testing/heap_watch.h"
+#include "tests/testing/disguised_secret.h"
+#include "tests/testing/words.h"
 
 namespace corvel::storage::tzregister {
 namespace {
-
-using Words = std::vector<std::string>;
-using storage::testing::FreedTextWatch;
+using namespace storage::testing;
 
 /// A process's own arguments.
 class Arguments {
@@ -103,19 +103,32 @@ TEST(ArgumentGuard, RestoresTheRightOneOfSeveral) {
   EXPECT_EQ(GuardedPassword({"t", "--passwd", "y", "--", "--passwd", "x"}), "y");
 }
 
+/// Runs `words`, whose last one ends in as many "?" as `password` is long, with
+/// the password in their place, through guard and option library.
+void ExpectOneCopyWhileItIsKept(const Words& words, const DisguisedSecret& password) {
+  Arguments arguments(words);
+  password.Reveal([&](const char* text) {
+    std::memcpy(std::strchr(arguments.argv()[words.size() - 1], '?'), text, password.size());
+  });
+  ArgumentGuard guard(arguments.argc(), arguments.argv());
+  EXPECT_EQ(password.Copies(), 1U);
+  boost::program_options::variables_map options;
+  ParseOptions(arguments.argc(), guard.argv(), DescribeOptions(), &options);
+  guard.RestorePassword(&options);
+  const support::ParsedOptions parsed(options);
+  EXPECT_TRUE(password.Is(parsed.SecretText("passwd").text()));
+  EXPECT_EQ(password.Copies(), 1U);
+}
+
 TEST(ArgumentGuard, LeavesNoPasswordBehindOnceEveryOwnerIsGone) {
-  const std::string secret = "a secret too long to lie inside an object";
-  Arguments arguments({"tzregister", "--passwd", secret});
-  const FreedTextWatch watch(secret);
-  {
-    ArgumentGuard guard(arguments.argc(), arguments.argv());
-    boost::program_options::variables_map options;
-    ParseOptions(arguments.argc(), guard.argv(), DescribeOptions(), &options);
-    guard.RestorePassword(&options);
-    const support::ParsedOptions parsed(options);
-    EXPECT_EQ(parsed.SecretText("passwd").text(), secret);
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret password(length);
+    const std::string place(length, '?');
+    ExpectOneCopyWhileItIsKept({"tzregister", "--passwd", place}, password);
+    EXPECT_EQ(password.Copies(), 0U);
+    ExpectOneCopyWhileItIsKept({"tzregister", "--passwd=" + place}, password);
+    EXPECT_EQ(password.Copies(), 0U);
   }
-  EXPECT_FALSE(watch.seen());
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tests/registration/openssl_fault.h"
-#include "tests/testing/output_capture.h"
+#include "tests/testing/outcome.h"
 #include "tests/testing/scoped_environment.h"
 
 namespace {
@@ -260,12 +260,11 @@ TEST(OpenSSLCertificate, FailsQuietlyWithEachStepOfTheCryptographyAndCanTryAgain
   for (const char* step : {"EVP_PKEY_keygen", "X509_new", "X509_sign", "EVP_DigestSign"}) {
     SCOPED_TRACE(step);
     OpenSSLCertificate pair;
-    const CapturedCall failed = Captured([&] {
+    const Outcome failed = OutcomeOf([&] {
       const OpenSslFault fault(step);
       return pair.open();
     });
-    EXPECT_EQ(failed.result, -1);
-    EXPECT_EQ(failed.out + failed.err, "");
+    ExpectError(failed, "");
     EXPECT_FALSE(pair.opened());
     EXPECT_EQ(pair.open(), 0);
     EXPECT_TRUE(pair.opened());

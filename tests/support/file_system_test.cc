@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <string>
 
+#include "tests/testing/file_size_limit.h"
 #include "tests/testing/temp_directory.h"
 
 namespace corvel::storage::support {
@@ -15,6 +16,7 @@ namespace {
 
 using storage::testing::Exists;
 using storage::testing::FileMode;
+using storage::testing::FileSizeLimit;
 using storage::testing::ReadFile;
 using storage::testing::TempDirectory;
 
@@ -175,12 +177,36 @@ TEST(CloseFile, FailsWhenTheDiskDoesNotTakeWhatWasBuffered) {
   EXPECT_FALSE(CloseFile(std::move(file)));
 }
 
-TEST(CloseFile, FailsWhenClosingFails) {
+/// Writes "first" and "second" to a new file of which the disk takes `room`
+/// bytes; false when either part or the closing fails.
+bool WriteInParts(const std::string& path, FilePrivacy privacy, rlim_t room) {
+  FilePtr file = OpenForWriting(path, privacy);
+  const FileSizeLimit limit(room);
+  const bool first = WriteText("first", file.get());
+  const bool second = WriteText("second", file.get());
+  const bool closed = CloseFile(std::move(file));
+  return first && second && closed;
+}
+
+TEST(WriteText, OrTheClosingFailsWhenTheDiskTakesTheFirstPartAlone) {
   const TempDirectory directory;
-  FilePtr file = OpenForWriting(directory.File("f"), FilePrivacy::kPublic);
-  ASSERT_TRUE(file);
-  close(fileno(file.get()));
-  EXPECT_FALSE(CloseFile(std::move(file)));
+  const std::string path = directory.File("f");
+  for (const FilePrivacy privacy : kBoth) {
+    EXPECT_FALSE(WriteInParts(path, privacy, 5));
+    EXPECT_EQ(ReadFile(path), "first");
+    EXPECT_FALSE(WriteInParts(path, privacy, 10));
+    EXPECT_EQ(ReadFile(path), "firstsecon");
+    EXPECT_TRUE(WriteInParts(path, privacy, 11));
+    EXPECT_EQ(ReadFile(path), "firstsecond");
+  }
+}
+
+TEST(WriteText, FailsAtOnceForTheSecondPartOfASecret) {
+  const TempDirectory directory;
+  const FilePtr file = OpenForWriting(directory.File("f"), FilePrivacy::kSecret);
+  const FileSizeLimit limit(5);
+  EXPECT_TRUE(WriteText("first", file.get()));
+  EXPECT_FALSE(WriteText("second", file.get()));
 }
 
 }  // namespace

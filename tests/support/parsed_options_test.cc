@@ -8,12 +8,12 @@
 #include <string>
 
 #include "tests/testing/command_line.h"
-#include "tests/testing/heap_watch.h"
+#include "tests/testing/disguised_secret.h"
 
 namespace corvel::storage::support {
 namespace {
 
-using storage::testing::FreedTextWatch;
+using storage::testing::DisguisedSecret;
 using storage::testing::Options;
 
 TEST(ParsedOptions, TellsWhichOptionsWereGiven) {
@@ -75,15 +75,20 @@ TEST(ParsedOptions, SharesThePasswordWithItsCopies) {
 }
 
 TEST(ParsedOptions, LeavesNoPasswordBehindWhenTheLastCopyGoes) {
-  const std::string secret = "a secret too long to lie inside an object";
-  auto parsed =
-      std::make_unique<boost::program_options::variables_map>(Options({"--passwd", secret}));
-  auto options = std::make_unique<ParsedOptions>(*parsed);
-  const FreedTextWatch watch(secret);
-  parsed.reset();
-  EXPECT_EQ(options->SecretText("passwd").text(), secret);
-  options.reset();
-  EXPECT_FALSE(watch.seen());
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret password(length);
+    auto parsed = std::make_unique<boost::program_options::variables_map>();
+    password.Reveal([&](const char* text) {
+      const SharedSecret shared = std::make_shared<const Secret>(text);
+      parsed->insert({"passwd", {boost::any(shared), false}});
+    });
+    auto options = std::make_unique<ParsedOptions>(*parsed);
+    parsed.reset();
+    EXPECT_TRUE(password.Is(options->SecretText("passwd").text()));
+    EXPECT_EQ(password.Copies(), 1U);
+    options.reset();
+    EXPECT_EQ(password.Copies(), 0U);
+  }
 }
 
 }  // namespace

@@ -10,6 +10,7 @@ namespace corvel::storage::support {
 namespace {
 
 constexpr std::size_t kMebibyte = 1u << 20;
+constexpr std::size_t kLongestAnswer = 64 * kMebibyte;
 
 void ExpectEmpty(const ReceiveBuffer& buffer) {
   EXPECT_EQ(buffer.data, nullptr);
@@ -58,12 +59,11 @@ TEST(ReceiveBuffer, KeepsItsContentWhileItGrows) {
 }
 
 TEST(ReceiveBuffer, TakesAnAnswerOfTheGreatestLength) {
-  EXPECT_EQ(kMaxAnswerBytes, 64U * kMebibyte);
   ReceiveBuffer buffer;
   const std::string part(16 * kMebibyte, 'x');
   for (int count = 0; count < 4; ++count) Append(part, &buffer);
-  EXPECT_EQ(buffer.size, kMaxAnswerBytes);
-  EXPECT_EQ(buffer.data[kMaxAnswerBytes], '\0');
+  EXPECT_EQ(buffer.size, kLongestAnswer);
+  EXPECT_EQ(buffer.data[kLongestAnswer], '\0');
   EXPECT_TRUE(buffer.Append("", 0));
   EXPECT_FALSE(buffer.Append("x", 1));
   ExpectEmpty(buffer);
@@ -71,8 +71,7 @@ TEST(ReceiveBuffer, TakesAnAnswerOfTheGreatestLength) {
 
 TEST(ReceiveBuffer, DropsEverythingWhenAnAnswerIsTooLong) {
   const std::string text = "small";
-  for (const std::size_t count :
-       {static_cast<std::size_t>(kMaxAnswerBytes) - 4, SIZE_MAX, SIZE_MAX - 4, SIZE_MAX - 5}) {
+  for (const std::size_t count : {kLongestAnswer - 4, SIZE_MAX, SIZE_MAX - 4, SIZE_MAX - 5}) {
     SCOPED_TRACE(count);
     ReceiveBuffer buffer;
     Append(text, &buffer);
@@ -132,7 +131,7 @@ TEST(DataCallback, EmptiesTheBufferWhenTheAnswerBecomesTooLong) {
   ReceiveBuffer buffer;
   char bytes[] = "ab";
   ASSERT_EQ(data_callback(bytes, 1, 2, &buffer), 2u);
-  EXPECT_EQ(data_callback(bytes, 1, kMaxAnswerBytes, &buffer), 0u);
+  EXPECT_EQ(data_callback(bytes, 1, kLongestAnswer, &buffer), 0u);
   EXPECT_EQ(buffer.data, nullptr);
   EXPECT_EQ(buffer.size, 0u);
 }

@@ -2,42 +2,28 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <memory>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
-#include "tests/testing/heap_watch.h"
+#include "tests/testing/disguised_secret.h"
 
 namespace corvel::storage::support {
 namespace {
 
-using storage::testing::FreedTextWatch;
+using storage::testing::DisguisedSecret;
 
-const std::string kShort = "secret";
 const std::string kLong = "a secret that is too long for the text object itself";
 
-/// True when `text` stands anywhere in the object at `object` itself.
-template <typename Object>
-bool LiesInside(const Object& object, const std::string& text) {
-  return memmem(&object, sizeof(object), text.data(), text.size()) != nullptr;
+/// A text that lies inside the object and one that lies in a block of its own.
+constexpr std::size_t kLengths[] = {12, 60};
+
+Secret SecretOf(const DisguisedSecret& text) {
+  Secret secret;
+  text.Reveal([&](const char* plain) { secret = Secret(plain); });
+  return secret;
 }
-
-/// Memory for a Secret that can be looked at after the object has gone.
-class Place {
- public:
-  template <typename... Arguments>
-  Secret* Make(Arguments&&... arguments) {
-    return new (bytes_) Secret(std::forward<Arguments>(arguments)...);
-  }
-  bool Holds(const std::string& text) const {
-    return memmem(bytes_, sizeof(bytes_), text.data(), text.size()) != nullptr;
-  }
-
- private:
-  alignas(Secret) unsigned char bytes_[sizeof(Secret)] = {};
-};
 
 TEST(Secret, HoldsACopyOfAText) {
   std::string original = kLong;
@@ -61,37 +47,43 @@ TEST(Secret, CannotBeCopied) {
 }
 
 TEST(Secret, LeavesNothingBehindWhenItGoes) {
-  for (const std::string& text : {kShort, kLong}) {
-    Place place;
-    Secret* const secret = place.Make(text);
-    const FreedTextWatch watch(text);
-    secret->~Secret();
-    EXPECT_FALSE(watch.seen());
-    EXPECT_FALSE(place.Holds(text));
+  for (const std::size_t length : kLengths) {
+    const DisguisedSecret text(length);
+    {
+      const Secret secret = SecretOf(text);
+      EXPECT_TRUE(text.Is(secret.text()));
+      EXPECT_EQ(text.Copies(), 1U);
+    }
+    EXPECT_EQ(text.Copies(), 0U);
   }
 }
 
 TEST(Secret, LeavesNothingBehindWhenItMoves) {
-  for (const std::string& text : {kShort, kLong}) {
-    const FreedTextWatch watch(text);
-    Secret source(text);
+  for (const std::size_t length : kLengths) {
+    const DisguisedSecret text(length);
+    Secret source = SecretOf(text);
     const Secret target(std::move(source));
-    EXPECT_FALSE(LiesInside(source, text));
-    EXPECT_EQ(target.text(), text);
-    EXPECT_FALSE(watch.seen());
+    EXPECT_TRUE(text.Is(target.text()));
+    EXPECT_EQ(text.Copies(), 1U);
   }
 }
 
 TEST(Secret, LeavesNeitherTextBehindWhenItIsAssignedTo) {
-  const std::string old = "an older secret, too long for the object as well";
-  Secret source(kShort);
-  Secret target(old);
-  const FreedTextWatch watch(old);
-  target = std::move(source);
-  EXPECT_EQ(target.text(), kShort);
-  EXPECT_TRUE(source.empty());
-  EXPECT_FALSE(LiesInside(source, kShort));
-  EXPECT_FALSE(watch.seen());
+  for (const std::size_t length : kLengths) {
+    for (const std::size_t oldLength : kLengths) {
+      SCOPED_TRACE(std::to_string(length) + " over " + std::to_string(oldLength));
+      const DisguisedSecret text(length);
+      const DisguisedSecret old(oldLength);
+      Secret source = SecretOf(text);
+      Secret target = SecretOf(old);
+      EXPECT_EQ(old.Copies(), 1U);
+      target = std::move(source);
+      EXPECT_TRUE(text.Is(target.text()));
+      EXPECT_TRUE(source.empty());
+      EXPECT_EQ(text.Copies(), 1U);
+      EXPECT_EQ(old.Copies(), 0U);
+    }
+  }
 }
 
 TEST(Secret, SurvivesAnAssignmentToItself) {
@@ -102,23 +94,31 @@ TEST(Secret, SurvivesAnAssignmentToItself) {
 }
 
 TEST(Secret, LeavesNothingBehindWhenItGrows) {
-  const FreedTextWatch watch(kLong);
-  {
-    Secret secret(kLong);
-    for (int count = 0; count < 1000; ++count) secret.Append("x");
-    EXPECT_EQ(secret.size(), kLong.size() + 1000);
-    EXPECT_EQ(secret.text().compare(0, kLong.size(), kLong), 0);
-    secret.Resize(100000);
-    EXPECT_EQ(secret.size(), 100000U);
+  for (const std::size_t length : kLengths) {
+    const DisguisedSecret text(length);
+    {
+      Secret secret = SecretOf(text);
+      for (int count = 0; count < 1000; ++count) secret.Append("x");
+      EXPECT_EQ(secret.size(), length + 1000);
+      EXPECT_TRUE(text.Is(std::string_view(secret.text()).substr(0, length)));
+      secret.Resize(100000);
+      EXPECT_EQ(secret.size(), 100000U);
+      EXPECT_EQ(text.Copies(), 1U);
+    }
+    EXPECT_EQ(text.Copies(), 0U);
   }
-  EXPECT_FALSE(watch.seen());
 }
 
 TEST(Secret, LeavesNothingBehindItsEndWhenItShrinks) {
-  Secret secret(kLong);
-  secret.Resize(2);
-  EXPECT_EQ(secret.text(), "a ");
-  EXPECT_EQ(memmem(secret.data(), kLong.size(), "secret", 6), nullptr);
+  for (const std::size_t length : kLengths) {
+    const DisguisedSecret text(length);
+    Secret secret("ab");
+    text.Reveal([&](const char* plain) { secret.Append(plain); });
+    EXPECT_EQ(text.Copies(), 1U);
+    secret.Resize(2);
+    EXPECT_EQ(secret.text(), "ab");
+    EXPECT_EQ(text.Copies(), 0U);
+  }
 }
 
 TEST(Secret, FillsUpWithZeroBytes) {
@@ -137,15 +137,14 @@ TEST(Secret, CanBeWrittenTo) {
 }
 
 TEST(Secret, ReceivesATextInThePlaceOfItsOwn) {
-  for (const std::string& old : {kShort, kLong}) {
-    const FreedTextWatch watch(old);
-    Secret secret(old);
+  for (const std::size_t length : kLengths) {
+    const DisguisedSecret old(length);
+    Secret secret = SecretOf(old);
     std::string* const text = secret.Receive();
     EXPECT_EQ(*text, "");
-    EXPECT_FALSE(LiesInside(secret, old));
+    EXPECT_EQ(old.Copies(), 0U);
     *text = "another";
     EXPECT_EQ(secret.text(), "another");
-    EXPECT_FALSE(watch.seen());
   }
 }
 

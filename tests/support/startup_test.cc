@@ -58,6 +58,8 @@ TEST(InitSupportLibraryDeathTest, PutsTheNullDeviceInPlaceOfClosedStandardStream
 }
 
 [[noreturn]] void CheckCoreDumps() {
+  const rlimit some = {1, 1};
+  if (setrlimit(RLIMIT_CORE, &some) != 0) _exit(2);
   Initialise();
   rlimit limit = {1, 1};
   getrlimit(RLIMIT_CORE, &limit);

@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "tests/testing/heap_watch.h"
-#include "tests/testing/output_capture.h"
+#include "tests/testing/allocation_limit.h"
+#include "tests/testing/outcome.h"
 #include "webservice/webservice.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-using storage::testing::CapturedCall;
+using namespace storage::testing;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -277,19 +277,18 @@ TEST(ParseAnswerError, DropsEverythingBehindTheDescription) {
 }
 
 /// Reads `bytes`, zero bytes and all, the way a received answer is read.
-CapturedCall ParseReceived(std::string bytes, RecordSet* records) {
+Outcome ParseReceived(std::string bytes, RecordSet* records) {
   WebService ws;
   WebService::data_callback(bytes.data(), 1, bytes.size(), &ws.buffer);
-  const CapturedCall parse = storage::testing::Captured([&] { return ws.parse(records); });
+  const Outcome parse = OutcomeOf([&] { return ws.parse(records); });
   EXPECT_EQ(std::string(ws.buffer.data, ws.buffer.size), bytes);
   return parse;
 }
 
 TEST(WebServiceParse, ReadsTheReceivedTextAndLeavesItAsItIs) {
   RecordSet records;
-  const CapturedCall parse = ParseReceived("***BEGIN***\n1\na|b\nS|I\nx|2\n***DONE***\n", &records);
-  EXPECT_EQ(parse.result, 0);
-  EXPECT_EQ(parse.out + parse.err, "");
+  const Outcome parse = ParseReceived("***BEGIN***\n1\na|b\nS|I\nx|2\n***DONE***\n", &records);
+  ExpectSuccess(parse);
   ASSERT_EQ(records.recordCount, 1);
   EXPECT_EQ(records.next()->getValue("b", true), "2");
 }
@@ -306,9 +305,8 @@ TEST(WebServiceParse, ReadsNothingBehindTheFirstZeroByte) {
 TEST(WebServiceParse, RefusesAnAnswerWithoutBytesSilently) {
   RecordSet records;
   const WebService ws;
-  const CapturedCall parse = storage::testing::Captured([&] { return ws.parse(&records); });
-  EXPECT_EQ(parse.result, -1);
-  EXPECT_EQ(parse.out + parse.err, "");
+  const Outcome parse = OutcomeOf([&] { return ws.parse(&records); });
+  ExpectError(parse, "");
   EXPECT_EQ(ParseReceived("", &records).result, -1);
 }
 
@@ -317,14 +315,12 @@ TEST(WebServiceParse, ReportsThatThereIsNoMemoryForItsCopy) {
   WebService ws;
   WebService::data_callback(answer.data(), 1, answer.size(), &ws.buffer);
   RecordSet records;
-  const CapturedCall parse = storage::testing::Captured([&] {
-    const storage::testing::AllocationLimit limit(answer.size());
+  const Outcome parse = OutcomeOf([&] {
+    const AllocationLimit limit(answer.size());
     return ws.parse(&records);
   });
-  EXPECT_EQ(parse.result, -1);
-  EXPECT_EQ(parse.out, "");
-  EXPECT_EQ(parse.err,
-            "Could not convert webservice result to wide character string from UTF-8: %m.\n");
+  ExpectError(parse,
+              "Could not convert webservice result to wide character string from UTF-8: %m.\n");
 }
 
 std::string Repeated(const std::string& text, std::size_t count) {

@@ -13,7 +13,7 @@
 namespace corvel::storage::tzregister {
 namespace {
 
-using storage::testing::OutcomeOf;
+using namespace storage::testing;
 using ::testing::ElementsAre;
 using ::testing::Pair;
 
@@ -168,8 +168,7 @@ TEST(RecordGetValue, ThrowsForAMissingColumnWhetherItIsRequiredOrNot) {
     for (const std::string name : {"b", "c", "A", "", "none"}) {
       SCOPED_TRACE(name);
       const auto asked = OutcomeOf([&] { records->records[0]->getValue(name, required); });
-      EXPECT_EQ(asked.failure, "6/5 Record: Missing required field: " + name);
-      EXPECT_EQ(asked.out + asked.err, "");
+      ExpectFailure(asked, {6, 5, "Record", "Missing required field: " + name});
     }
   }
 }
@@ -181,7 +180,7 @@ TEST(RecordGetValue, ThrowsForAColumnWithoutAValue) {
   for (const std::string name : {"gone", "bare"}) {
     SCOPED_TRACE(name);
     const auto asked = OutcomeOf([&] { record.getValue(name, false); });
-    EXPECT_EQ(asked.failure, "6/5 Record: Missing required value for field: " + name);
+    ExpectFailure(asked, {6, 5, "Record", "Missing required value for field: " + name});
   }
 }
 

@@ -18,7 +18,8 @@ namespace {
 using storage::testing::CurlDouble;
 using storage::testing::TempDirectory;
 
-constexpr int kMaxPasses = 1000;
+constexpr int kMaxPasses = 100000;
+constexpr std::size_t kLongestAnswer = std::size_t{64} << 20;
 
 HttpRequest RequestFor(const std::string& url) {
   HttpRequest request;
@@ -195,10 +196,22 @@ TEST(CurlTransport, FailsWhenTheBufferTakesNoMore) {
   const TempDirectory directory;
   const std::string path = directory.Write("answer", "one byte too many");
   WebServiceBuffer answer;
-  ASSERT_TRUE(
-      answer.Append(std::string(support::kMaxAnswerBytes, 'x').data(), support::kMaxAnswerBytes));
+  ASSERT_TRUE(answer.Append(std::string(kLongestAnswer, 'x').data(), kLongestAnswer));
   EXPECT_EQ(RunRequest(RequestFor("file://" + path), &answer).transferResult, CURLE_WRITE_ERROR);
   EXPECT_EQ(answer.data, nullptr);
+}
+
+TEST(CurlTransport, FailsWhenTheBufferTakesTheFirstPartsAlone) {
+  const TempDirectory directory;
+  const std::string path = directory.Write("answer", "");
+  WebServiceBuffer whole;
+  std::filesystem::resize_file(path, kLongestAnswer);
+  EXPECT_EQ(RunRequest(RequestFor("file://" + path), &whole).transferResult, CURLE_OK);
+  EXPECT_EQ(whole.size, kLongestAnswer);
+  WebServiceBuffer tooLong;
+  std::filesystem::resize_file(path, kLongestAnswer + 1);
+  EXPECT_EQ(RunRequest(RequestFor("file://" + path), &tooLong).transferResult, CURLE_WRITE_ERROR);
+  EXPECT_EQ(tooLong.data, nullptr);
 }
 
 TEST(CurlTransfer, CleansUpWhenItGoesBeforeItsEnd) {
@@ -211,10 +224,13 @@ TEST(CurlTransfer, CleansUpWhenItGoesBeforeItsEnd) {
   EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST(CurlTransfer, CleansUpAfterItsEnd) {
+TEST(CurlTransfer, CleansUpAsItFinishes) {
+  const CurlDouble curl;
   const std::ptrdiff_t before = OpenDescriptors();
   WebServiceBuffer answer;
-  RunRequest(RequestFor("nosuchscheme://host/"), &answer);
+  const auto transfer = HttpTransport::System().Start(RequestFor("nosuchscheme://host/"), &answer);
+  ASSERT_NE(transfer, nullptr);
+  RunToEnd(transfer.get());
   EXPECT_EQ(OpenDescriptors(), before);
 }
 

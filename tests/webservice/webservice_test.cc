@@ -11,30 +11,28 @@
 #include <utility>
 #include <vector>
 
+#include "tests/testing/disguised_secret.h"
 #include "tests/testing/fake_network.h"
-#include "tests/testing/heap_watch.h"
-#include "tests/testing/output_capture.h"
+#include "tests/testing/outcome.h"
 #include "tests/testing/scoped_environment.h"
 #include "tests/testing/temp_directory.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-using storage::testing::CapturedCall;
-using storage::testing::FakeNetwork;
-using storage::testing::ScopedEnvironment;
-using storage::testing::ScriptedAnswer;
+using namespace storage::testing;
 using ::testing::ElementsAre;
 using ::testing::Pair;
 
 constexpr long kStaleCode = 999;
+constexpr std::size_t kLongestAnswer = std::size_t{64} << 20;
 
 /// A request over fakes. The server's certificate is not looked for.
 struct Request {
   Request() { ws.url = "http://h/p"; }
 
-  CapturedCall Get() {
-    return storage::testing::Captured([&] { return ws.get(&code); });
+  Outcome Get() {
+    return OutcomeOf([&] { return ws.get(&code); });
   }
 
   std::string Buffer() const {
@@ -46,17 +44,6 @@ struct Request {
   WebService ws{fake.network};
   long code = kStaleCode;
 };
-
-void ExpectSuccess(const CapturedCall& get) {
-  EXPECT_EQ(get.result, 0);
-  EXPECT_EQ(get.out + get.err, "");
-}
-
-void ExpectFailure(const CapturedCall& get, const std::string& message) {
-  EXPECT_EQ(get.result, -1);
-  EXPECT_EQ(get.out, "");
-  EXPECT_EQ(get.err, message);
-}
 
 /// The calls of a transfer of `passes` passes, the last of which is `end`.
 std::vector<std::string> Calls(std::size_t passes, const std::string& end) {
@@ -124,7 +111,7 @@ TEST(WebServiceGet, RefusesAnEmptyUrlBeforeAnythingIsDone) {
   Request request;
   request.ws.url = "";
   request.ws.field("action", "a");
-  ExpectFailure(request.Get(), "No URL specified\n");
+  ExpectError(request.Get(), "No URL specified\n");
   EXPECT_EQ(request.code, 0);
   EXPECT_TRUE(request.fake.http.calls.empty());
   EXPECT_TRUE(request.fake.channel.calls.empty());
@@ -167,7 +154,7 @@ TEST(WebServiceGet, SucceedsWhateverTheHttpStatus) {
   for (const long status : {0L, 200L, 404L, 500L}) {
     SCOPED_TRACE(status);
     Request request;
-    request.fake.http.script.push_back({true, {"bo", "dy"}, false, CURLM_OK, {CURLE_OK, status}});
+    request.fake.http.AnswerInParts({"bo", "dy"}).httpStatus = status;
     ExpectSuccess(request.Get());
     EXPECT_EQ(request.code, status);
     EXPECT_EQ(request.ws.httpStatus, 0);
@@ -191,8 +178,8 @@ TEST(WebServiceGet, DropsTheAnswerOfAnEarlierCall) {
 
 TEST(WebServiceGet, ReportsThatTheNetworkLayerCannotBeInitialised) {
   Request request;
-  request.fake.http.script.push_back({false, {}, false, CURLM_OK, {}});
-  ExpectFailure(request.Get(), "Can't initialize webservice network layer\n");
+  request.fake.http.Answer("").starts = false;
+  ExpectError(request.Get(), "Can't initialize webservice network layer\n");
   EXPECT_EQ(request.code, 0);
   EXPECT_THAT(request.fake.http.calls, ElementsAre("start"));
   EXPECT_TRUE(request.fake.clock.sleeps.empty());
@@ -200,27 +187,37 @@ TEST(WebServiceGet, ReportsThatTheNetworkLayerCannotBeInitialised) {
 
 TEST(WebServiceGet, ReportsATransferThatFailed) {
   Request request;
-  request.fake.http.script.push_back(
-      {true, {"part"}, false, CURLM_OK, {CURLE_COULDNT_CONNECT, 502}});
-  ExpectFailure(request.Get(), kNetworkError);
+  ScriptedAnswer& answer = request.fake.http.Answer("part");
+  answer.transferResult = CURLE_COULDNT_CONNECT;
+  answer.httpStatus = 502;
+  ExpectError(request.Get(), kNetworkError);
   EXPECT_EQ(request.code, 502);
   EXPECT_EQ(request.fake.http.calls, Calls(1, "finish"));
 }
 
 TEST(WebServiceGet, ReportsAPollThatFailed) {
   Request request;
-  request.fake.http.script.push_back({true, {""}, false, CURLM_BAD_HANDLE, {CURLE_OK, 200}});
-  ExpectFailure(request.Get(), kNetworkError);
+  request.fake.http.Answer("").performResult = CURLM_BAD_HANDLE;
+  ExpectError(request.Get(), kNetworkError);
   EXPECT_EQ(request.code, 200);
+}
+
+TEST(WebServiceGet, ReportsAnAnswerWhosePartsTogetherAreTooLong) {
+  Request request;
+  request.fake.http.AnswerInParts({std::string(kLongestAnswer, 'x'), "y"});
+  ExpectError(request.Get(), kNetworkError);
+  EXPECT_EQ(request.Buffer(), "(null)");
 }
 
 TEST(WebServiceGet, LetsOnlyTheLastPollCount) {
   Request good;
-  good.fake.http.script.push_back({true, {"a", "b"}, false, CURLM_OK, {}, {CURLM_OUT_OF_MEMORY}});
+  good.fake.http.AnswerInParts({"a", "b"}).firstResults = {CURLM_OUT_OF_MEMORY};
   ExpectSuccess(good.Get());
   Request bad;
-  bad.fake.http.script.push_back({true, {"a", "b"}, false, CURLM_OUT_OF_MEMORY, {}, {CURLM_OK}});
-  ExpectFailure(bad.Get(), kNetworkError);
+  ScriptedAnswer& answer = bad.fake.http.AnswerInParts({"a", "b"});
+  answer.firstResults = {CURLM_OK};
+  answer.performResult = CURLM_OUT_OF_MEMORY;
+  ExpectError(bad.Get(), kNetworkError);
 }
 
 // The wait.
@@ -233,7 +230,7 @@ TEST(WebServiceWait, SleepsTwoSecondsAfterEveryPassTheLastOneToo) {
   EXPECT_THAT(request.fake.clock.sleeps, ElementsAre(2u));
 
   Request longer;
-  longer.fake.http.script.push_back({true, {"a", "b", "c"}, false, CURLM_OK, {}});
+  longer.fake.http.AnswerInParts({"a", "b", "c"});
   ExpectSuccess(longer.Get());
   EXPECT_EQ(longer.fake.http.calls, Calls(3, "finish"));
   EXPECT_THAT(longer.fake.clock.sleeps, ElementsAre(2u, 2u, 2u));
@@ -241,8 +238,8 @@ TEST(WebServiceWait, SleepsTwoSecondsAfterEveryPassTheLastOneToo) {
 
 TEST(WebServiceWait, DoesNotSleepWhenItIsToPollAgainAtOnce) {
   Request request;
-  request.fake.http.script.push_back(
-      {true, {"a", "b", "c"}, false, CURLM_OK, {}, {CURLM_CALL_MULTI_PERFORM, CURLM_OK}});
+  request.fake.http.AnswerInParts({"a", "b", "c"}).firstResults = {CURLM_CALL_MULTI_PERFORM,
+                                                                   CURLM_OK};
   ExpectSuccess(request.Get());
   EXPECT_EQ(request.fake.http.calls, Calls(3, "finish"));
   EXPECT_THAT(request.fake.clock.sleeps, ElementsAre(2u, 2u));
@@ -250,19 +247,15 @@ TEST(WebServiceWait, DoesNotSleepWhenItIsToPollAgainAtOnce) {
 
 TEST(WebServiceWait, EndsATransferWhoseLastPassAsksForAnother) {
   Request request;
-  request.fake.http.script.push_back({true, {"a", "b"}, false, CURLM_CALL_MULTI_PERFORM, {}});
-  ExpectFailure(request.Get(), kNetworkError);
+  request.fake.http.AnswerInParts({"a", "b"}).performResult = CURLM_CALL_MULTI_PERFORM;
+  ExpectError(request.Get(), kNetworkError);
   EXPECT_EQ(request.fake.http.calls, Calls(2, "finish"));
   EXPECT_TRUE(request.fake.clock.sleeps.empty());
 }
 
 /// A request whose answer is complete with pass number `passes`; 0 for never.
-CapturedCall WaitForPasses(Request* request, std::size_t passes) {
-  ScriptedAnswer answer;
-  answer.endless = passes == 0;
-  answer.parts.assign(passes, "x");
-  answer.outcome = {CURLE_OK, 200};
-  request->fake.http.script.push_back(answer);
+Outcome WaitForPasses(Request* request, std::size_t passes) {
+  request->fake.http.AnswerInParts(Words(passes, "x")).endless = passes == 0;
   return request->Get();
 }
 
@@ -275,7 +268,7 @@ TEST(WebServiceWait, GivesUpAtTheFirstLookBehindTheDeadline) {
     SCOPED_TRACE(one.timeout);
     Request request;
     request.ws.timeout = one.timeout;
-    ExpectFailure(WaitForPasses(&request, 0), kTimedOut);
+    ExpectError(WaitForPasses(&request, 0), kTimedOut);
     EXPECT_EQ(request.fake.http.calls, Calls(one.passes, "abandon"));
     EXPECT_EQ(request.fake.clock.sleeps, std::vector<unsigned>(one.passes, 2));
     EXPECT_EQ(request.code, 0);
@@ -285,7 +278,7 @@ TEST(WebServiceWait, GivesUpAtTheFirstLookBehindTheDeadline) {
 TEST(WebServiceWait, GivesUpAtOnceWhenTheDeadlineLiesInThePast) {
   Request request;
   request.ws.timeout = -1;
-  ExpectFailure(WaitForPasses(&request, 0), kTimedOut);
+  ExpectError(WaitForPasses(&request, 0), kTimedOut);
   EXPECT_EQ(request.fake.http.calls, Calls(0, "abandon"));
   EXPECT_TRUE(request.fake.clock.sleeps.empty());
 }
@@ -293,7 +286,7 @@ TEST(WebServiceWait, GivesUpAtOnceWhenTheDeadlineLiesInThePast) {
 TEST(WebServiceWait, TakesHundredAndTwentyToHundredAndTwentyTwoSecondsAtMost) {
   Request request;
   const std::time_t start = request.fake.clock.now;
-  ExpectFailure(WaitForPasses(&request, 0), kTimedOut);
+  ExpectError(WaitForPasses(&request, 0), kTimedOut);
   EXPECT_GT(request.fake.clock.now, start + 120);
   EXPECT_LE(request.fake.clock.now, start + 122);
 }
@@ -308,7 +301,7 @@ TEST(WebServiceWait, AcceptsAnAnswerThatIsCompleteAtTheDeadline) {
 
 TEST(WebServiceWait, LooksAtTheDeadlineBeforeItLooksForTheEnd) {
   Request request;
-  ExpectFailure(WaitForPasses(&request, 61), kTimedOut);
+  ExpectError(WaitForPasses(&request, 61), kTimedOut);
   EXPECT_EQ(request.fake.http.calls, Calls(61, "abandon"));
   EXPECT_EQ(request.code, 0);
 }
@@ -320,7 +313,7 @@ TEST(WebServiceWait, CountsFromTheStartOfTheTransfer) {
 }
 
 /// A clock on which every look takes a second.
-class SlowClock : public storage::testing::FakeClock {
+class SlowClock : public FakeClock {
  public:
   std::time_t Now() override { return now++; }
 };
@@ -329,11 +322,13 @@ TEST(WebServiceWait, KeepsItsDeadlineWithoutEverSleeping) {
   SlowClock clock;
   FakeNetwork fake;
   fake.network.clock = &clock;
-  fake.http.script.push_back({true, {}, true, CURLM_CALL_MULTI_PERFORM, {}});
+  ScriptedAnswer& answer = fake.http.AnswerInParts({});
+  answer.endless = true;
+  answer.performResult = CURLM_CALL_MULTI_PERFORM;
   WebService ws(fake.network);
   ws.url = "http://h/p";
   long code = 0;
-  ExpectFailure(storage::testing::Captured([&] { return ws.get(&code); }), kTimedOut);
+  ExpectError(OutcomeOf([&] { return ws.get(&code); }), kTimedOut);
   EXPECT_TRUE(clock.sleeps.empty());
   EXPECT_EQ(fake.http.calls, Calls(120, "abandon"));
 }
@@ -343,7 +338,7 @@ TEST(WebServiceWait, KeepsItsDeadlineWithoutEverSleeping) {
 /// How a request to `url` verifies its server, in words; the certificate file
 /// stands without its directory.
 std::string VerificationFor(const std::string& url, const char* verify) {
-  const storage::testing::TempDirectory plugins;
+  const TempDirectory plugins;
   plugins.Write("known.pem", "");
   const ScopedEnvironment directory("QUORVEX_PLUGIN_PATH", plugins.path().c_str());
   Request request;
@@ -448,7 +443,7 @@ TEST(WebServiceChannel, IsChosenByTheWholeScheme) {
 TEST(WebServiceChannel, ReportsThatItCannotBeInitialised) {
   ChannelRequest request;
   request.fake.channel.init = false;
-  ExpectFailure(request.Get(), "Can't initialize webservice.\n");
+  ExpectError(request.Get(), "Can't initialize webservice.\n");
   EXPECT_EQ(request.fake.channel.calls.size(), 1u);
   EXPECT_EQ(request.code, 0);
 }
@@ -457,7 +452,7 @@ TEST(WebServiceChannel, ReportsARequestThatWasNotDelivered) {
   ChannelRequest request;
   request.fake.channel.result = -1;
   request.fake.channel.status = 1;
-  ExpectFailure(request.Get(), "Request failed.\n");
+  ExpectError(request.Get(), "Request failed.\n");
   EXPECT_EQ(request.fake.channel.calls.back(), "shutdown");
   EXPECT_EQ(request.Buffer(), "(null)");
 }
@@ -468,7 +463,7 @@ TEST(WebServiceChannel, ReportsAReplyWithAStatus) {
     ChannelRequest request;
     request.fake.channel.status = status;
     request.fake.channel.text = "no";
-    ExpectFailure(request.Get(), "return status failed.\n");
+    ExpectError(request.Get(), "return status failed.\n");
     EXPECT_EQ(request.fake.channel.calls.back(), "shutdown");
     EXPECT_EQ(request.Buffer(), "(null)");
     EXPECT_EQ(request.code, 0);
@@ -502,12 +497,16 @@ TEST(WebServiceChannel, CutsAKeyDirectoryThatIsTooLong) {
 }
 
 TEST(WebServiceChannel, LeavesNoCopyOfThePasswordButTheForms) {
-  const std::string secret = "a password too long to lie inside an object";
-  ChannelRequest request({{"login", "joe"}, {"passwd", secret}});
-  request.fake.channel.recordsCalls = false;
-  const storage::testing::FreedTextWatch watch(secret);
-  ExpectSuccess(request.Get());
-  EXPECT_FALSE(watch.seen());
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret secret(length);
+    ChannelRequest request;
+    request.ws.field("login", "joe");
+    request.fake.channel.recordsCalls = false;
+    secret.Reveal([&](const char* text) { request.ws.field("passwd", text); });
+    ExpectSuccess(request.Get());
+    EXPECT_TRUE(secret.Is(request.ws.fields["passwd"]));
+    EXPECT_EQ(secret.Copies(), 1U);
+  }
 }
 
 }  // namespace

@@ -12,31 +12,26 @@
 #include <utility>
 #include <vector>
 
+#include "tests/testing/authority_answers.h"
 #include "tests/testing/command_line.h"
+#include "tests/testing/disguised_secret.h"
 #include "tests/testing/fake_network.h"
-#include "tests/testing/heap_watch.h"
 #include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-using storage::testing::FakeNetwork;
-using storage::testing::FreedTextWatch;
-using storage::testing::Options;
-using storage::testing::Outcome;
-using storage::testing::OutcomeOf;
-using storage::testing::TempDirectory;
+using namespace storage::testing;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Key;
 using ::testing::Not;
 using ::testing::Pair;
 
-constexpr char kMissing[] =
-    "16/7 WSCataProxy: Required parameter url or login or passwd not present, or missing ws";
-constexpr char kBadFile[] = "16/7 WSCataProxy: Required parameter passwdfile not valid";
-constexpr char kCallFailed[] = "6/7 WSCataProxy: WebService call failed";
+const Thrown kMissing{16, 7, "WSCataProxy",
+                      "Required parameter url or login or passwd not present, or missing ws"};
+const Thrown kBadFile{16, 7, "WSCataProxy", "Required parameter passwdfile not valid"};
 
 /// A proxy over `arguments`, and a request that it is to set up.
 struct Preparation {
@@ -53,17 +48,6 @@ struct Preparation {
   WSCataProxy proxy;
   WebService ws;
 };
-
-void ExpectSuccess(const Outcome& outcome) {
-  EXPECT_EQ(outcome.failure, "");
-  EXPECT_EQ(outcome.out + outcome.err, "");
-}
-
-void ExpectFailure(const Outcome& outcome, const std::string& failure, const std::string& err) {
-  EXPECT_EQ(outcome.failure, failure);
-  EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(outcome.err, err);
-}
 
 TEST(PPrepareWebService, TakesAddressAndCredentialsFromTheOptions) {
   Preparation call({"--url", "https://spa:8443/base", "--login", "joe", "--passwd", "pw"});
@@ -104,7 +88,7 @@ TEST(PPrepareWebService, AppendsThePageUnlessTheAddressIsTheChannels) {
 TEST(PPrepareWebService, RefusesAMissingRequestBeforeItReadsAnything) {
   const WSCataProxy proxy(Options({"--passwdfile", "/nonexistent/passwd"}));
   ExpectFailure(OutcomeOf([&] { proxy.PPrepareWebService(nullptr, "ws_page.php"); }),
-                "16/7 WSCataProxy: missing ws", "");
+                {16, 7, "WSCataProxy", "missing ws"});
 }
 
 TEST(PPrepareWebService, RefusesMissingOptions) {
@@ -120,7 +104,7 @@ TEST(PPrepareWebService, RefusesMissingOptions) {
   for (const auto& arguments : cases) {
     SCOPED_TRACE(::testing::PrintToString(arguments));
     Preparation call(arguments);
-    ExpectFailure(call.Prepare(), kMissing, "");
+    ExpectFailure(call.Prepare(), kMissing);
   }
 }
 
@@ -184,14 +168,16 @@ TEST(PasswordFile, IsNotReadBesideAPassword) {
 }
 
 TEST(PasswordFile, LeavesNoCopyOfThePasswordButTheRequests) {
-  const std::string secret = "the secret of the file, too long for an object";
-  const TempDirectory directory;
-  Preparation call({"--url", "http://s", "--login", "joe", "--passwdfile",
-                    directory.Write("passwd", "# mine\nxpasswd=" + secret + "\n")});
-  const FreedTextWatch watch(secret);
-  ExpectSuccess(call.Prepare());
-  EXPECT_FALSE(watch.seen());
-  EXPECT_EQ(call.ws.fields["passwd"], secret);
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret secret(length);
+    const TempDirectory directory;
+    WriteSecretFile(directory.File("passwd"), "# mine\nxpasswd=", secret, "\n");
+    Preparation call(
+        {"--url", "http://s", "--login", "joe", "--passwdfile", directory.File("passwd")});
+    ExpectSuccess(call.Prepare());
+    EXPECT_TRUE(secret.Is(call.ws.fields["passwd"]));
+    EXPECT_EQ(secret.Copies(), 1U);
+  }
 }
 
 TEST(PasswordFile, IsSearchedAcrossAnyBlockOfItsReading) {
@@ -247,7 +233,7 @@ TEST(StoredCredentials, StillRefuseABadPasswordFile) {
 TEST(StoredCredentials, CountAsNoneWithoutAUrl) {
   Preparation call({"--url", "http://s", "--login", "joe"});
   call.proxy.StoreCredentials("", "l", support::Secret("p"), "k");
-  ExpectFailure(call.Prepare(), kMissing, "");
+  ExpectFailure(call.Prepare(), kMissing);
   Preparation whole({"--url", "http://s", "--login", "joe", "--passwd", "pw"});
   whole.proxy.StoreCredentials("", "l", support::Secret("p"), "k");
   ExpectSuccess(whole.Prepare());
@@ -264,14 +250,26 @@ TEST(StoredCredentials, ServeEveryCall) {
   }
 }
 
-TEST(StoredCredentials, LeaveNoPasswordBehindWhenTheProxyGoes) {
-  const std::string secret = "a stored password, too long to lie in an object";
-  auto proxy = std::make_unique<WSCataProxy>(Options({}));
-  proxy->StoreCredentials("http://stored", "l", support::Secret("earlier"), "k");
-  const FreedTextWatch watch(secret);
-  proxy->StoreCredentials("http://stored", "l", support::Secret(secret), "k");
-  proxy.reset();
-  EXPECT_FALSE(watch.seen());
+/// Stores an account with `password` in `*proxy`.
+void StorePassword(const DisguisedSecret& password, WSCataProxy* proxy) {
+  password.Reveal([&](const char* text) {
+    proxy->StoreCredentials("http://stored", "l", support::Secret(text), "k");
+  });
+}
+
+TEST(StoredCredentials, LeaveNoPasswordBehindWhenOthersComeOrTheProxyGoes) {
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret first(length);
+    const DisguisedSecret second(length);
+    auto proxy = std::make_unique<WSCataProxy>(Options({}));
+    StorePassword(first, proxy.get());
+    EXPECT_EQ(first.Copies(), 1U);
+    StorePassword(second, proxy.get());
+    EXPECT_EQ(first.Copies(), 0U);
+    EXPECT_EQ(second.Copies(), 1U);
+    proxy.reset();
+    EXPECT_EQ(second.Copies(), 0U);
+  }
 }
 
 // The agent page.
@@ -301,14 +299,14 @@ TEST(PPrepareAgentWebService, SendsNoAgentIdThatIsNotPositiveWhenTakenAsSigned) 
 
 TEST(PPrepareAgentWebService, RefusesAMissingAgentId) {
   Preparation call({"--url", "http://s", "--login", "l", "--passwd", "p"});
-  ExpectFailure(call.PrepareAgent(), "6/7 WSCataProxy: can't find agentid", "");
+  ExpectFailure(call.PrepareAgent(), {6, 7, "WSCataProxy", "can't find agentid"});
 }
 
 TEST(PPrepareAgentWebService, PreparesTheRequestBeforeItLooksForTheAgentId) {
   Preparation call({"--url", "http://s"});
-  ExpectFailure(call.PrepareAgent(), kMissing, "");
+  ExpectFailure(call.PrepareAgent(), kMissing);
   ExpectFailure(OutcomeOf([&] { call.proxy.PPrepareAgentWebService(nullptr, "act", 0); }),
-                "16/7 WSCataProxy: missing ws", "");
+                {16, 7, "WSCataProxy", "missing ws"});
 }
 
 TEST(PPrepareAgentWebService, AddsTheKeyDirectoryUnlessOneIsStored) {
@@ -348,8 +346,7 @@ TEST(PCallWebService, ReturnsOnATable) {
 
 TEST(PCallWebService, ReturnsOnATableWhateverTheHttpStatus) {
   Call call;
-  call.fake.http.script.push_back(
-      {true, {"***BEGIN***\n0\na\nS\n"}, false, CURLM_OK, {CURLE_OK, 500}});
+  call.fake.http.Answer("***BEGIN***\n0\na\nS\n").httpStatus = 500;
   ExpectSuccess(call.Perform());
   EXPECT_EQ(call.records.recordCount, 0);
 }
@@ -363,15 +360,14 @@ TEST(PCallWebService, RefusesAMissingRequestOrSet) {
                                      {nullptr, nullptr}}) {
     ExpectFailure(
         OutcomeOf([&request = request, &set = set] { WSCataProxy::PCallWebService(request, set); }),
-        "6/7 WSCataProxy: null ws or res", "null ws or res\n");
+        {6, 7, "WSCataProxy", "null ws or res"}, "null ws or res\n");
   }
   EXPECT_TRUE(fake.http.calls.empty());
 }
 
 TEST(PCallWebService, FailsWhenTheTransferDoes) {
   Call call;
-  call.fake.http.script.push_back(
-      {true, {"***BEGIN***\n0\na\nS\n"}, false, CURLM_OK, {CURLE_COULDNT_CONNECT, 502}});
+  call.fake.http.Answer("***BEGIN***\n0\na\nS\n").transferResult = CURLE_COULDNT_CONNECT;
   ExpectFailure(call.Perform(), kCallFailed,
                 "Network error during webservice call\nServer's HTTP response code was 0\n");
   Call nowhere;
@@ -385,9 +381,7 @@ TEST(PCallWebService, FailsOnAnAnswerThatCannotBeRead) {
     SCOPED_TRACE(answer);
     Call call;
     call.fake.http.Answer(answer);
-    ExpectFailure(call.Perform(), kCallFailed,
-                  "The data returned by the webservice could not be parsed.\n"
-                  "Server's HTTP response code was 0\n");
+    ExpectFailure(call.Perform(), kCallFailed, kNotParsed);
   }
 }
 

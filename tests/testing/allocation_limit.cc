@@ -1,6 +1,4 @@
-#include "tests/testing/heap_watch.h"
-
-#include <malloc.h>
+#include "tests/testing/allocation_limit.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -11,21 +9,9 @@ namespace corvel::storage::testing {
 namespace {
 
 std::size_t allocation_limit = SIZE_MAX;
-const std::string* watched = nullptr;
-bool watched_seen = false;
 
 void* Allocate(std::size_t size) {
-  if (size >= allocation_limit) return nullptr;
-  // Cleared, so that what a block holds was put there by its owner.
-  return std::calloc(1, size == 0 ? 1 : size);
-}
-
-void Free(void* block) {
-  if (block != nullptr && watched != nullptr) {
-    const std::size_t size = malloc_usable_size(block);
-    if (memmem(block, size, watched->data(), watched->size()) != nullptr) watched_seen = true;
-  }
-  std::free(block);
+  return size >= allocation_limit ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 
 }  // namespace
@@ -33,15 +19,6 @@ void Free(void* block) {
 AllocationLimit::AllocationLimit(std::size_t bytes) { allocation_limit = bytes; }
 
 AllocationLimit::~AllocationLimit() { allocation_limit = SIZE_MAX; }
-
-FreedTextWatch::FreedTextWatch(const std::string& text) : text_(text) {
-  watched_seen = false;
-  watched = &text_;
-}
-
-FreedTextWatch::~FreedTextWatch() { watched = nullptr; }
-
-bool FreedTextWatch::seen() const { return watched_seen; }
 
 }  // namespace corvel::storage::testing
 
@@ -64,12 +41,8 @@ char* strdup(const char* text) noexcept {
   return block == nullptr ? nullptr : static_cast<char*>(std::memcpy(block, text, size));
 }
 
-void operator delete(void* block) noexcept { corvel::storage::testing::Free(block); }
+void operator delete(void* block) noexcept { std::free(block); }
 
-void operator delete(void* block, std::size_t /*size*/) noexcept {
-  corvel::storage::testing::Free(block);
-}
+void operator delete(void* block, std::size_t /*size*/) noexcept { std::free(block); }
 
-void operator delete(void* block, const std::nothrow_t& /*tag*/) noexcept {
-  corvel::storage::testing::Free(block);
-}
+void operator delete(void* block, const std::nothrow_t& /*tag*/) noexcept { std::free(block); }
