@@ -1,11 +1,11 @@
 #include "registration/config_retrieval.h"
 
 #include <iostream>
-#include <sstream>
 
 #include "frontend/string_check.h"
 #include "registration/failures.h"
 #include "support/file_system.h"
+#include "support/memory_stream.h"
 
 namespace corvel::storage::tzregister {
 namespace {
@@ -43,9 +43,8 @@ const std::string& Require(const support::ParsedOptions& options, const char* na
 /// Writes the whole file. A disk that cannot take it must not pass for success:
 /// the host would run with half a configuration.
 void WriteConfigFile(const std::string& text, const std::string& path) {
-  support::FilePtr file = support::OpenForWriting(path, support::FilePrivacy::kSecret);
-  const bool written = file != nullptr && support::WriteText(text, file.get());
-  if (!written || !support::CloseFile(std::move(file))) {
+  support::OutputFile file(path, support::FilePrivacy::kSecret);
+  if (!file.isOpen() || !file.Empty() || !file.Write(text) || !file.Close()) {
     failures::kConfigFileNotWritten.Throw(path);
   }
 }
@@ -63,9 +62,9 @@ void Registrator::GetConfigFile(const std::string& type, std::int64_t id, bool s
                                 const std::string& storagePath, const std::string& configFilePath,
                                 const std::string& login, const std::string& password) const {
   const configfiletemplate_t templateId = TemplateFor(type, serverGiven);
-  std::stringstream received;
+  support::MemoryStream received;
   proxy_->GetConfigFile(id, templateId, &received);
-  std::ostringstream rewritten;
+  support::MemoryStream rewritten;
   ReplacePathsInConfigFile(&received, &rewritten, templateId, storagePath, login, password);
   if (configFilePath.empty()) {
     PrintConfigFile(rewritten.str());

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <sstream>
 
 #include "support/bounded_text.h"
 #include "support/diagnostic.h"
@@ -72,9 +71,7 @@ int WebService::field(const char* name, const char* value) {
 }
 
 int WebService::field(const char* name, std::int64_t value) {
-  std::ostringstream text;
-  text << value;
-  return field(name, text.str().c_str());
+  return field(name, std::to_string(value).c_str());
 }
 
 int WebService::get(long* httpCode) {

@@ -182,10 +182,10 @@ static long Carry(long number, const ucontext_t* context) {
                        (long)ARGUMENT(context, 4), (long)ARGUMENT(context, 5));
 }
 
-/* Notes which file is being rewritten: the one opened by emptying it, until it is closed. */
+/* Notes which file is being rewritten: the one that was emptied, until it is closed. */
 static void Observe(long number, const ucontext_t* context, long result) {
-  if (number == SYS_openat && result >= 0 && ((long)ARGUMENT(context, 2) & O_TRUNC) != 0) {
-    atomic_store(&report->writing, result);
+  if (number == SYS_ftruncate && result == 0) {
+    atomic_store(&report->writing, (long)ARGUMENT(context, 0));
   } else if (number == SYS_close && (long)ARGUMENT(context, 0) == atomic_load(&report->writing)) {
     atomic_store(&report->writing, -1);
   }
