@@ -5,20 +5,22 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <fstream>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
 #include <random>
-#include <sstream>
 
 namespace corvel::storage::testing {
 namespace {
 
 constexpr unsigned char kDisguise = 0x95;
+constexpr std::uint64_t kDisguiseWord = 0x9595959595959595;
 
 /// Reserved address space of the sanitizers' own is larger; what a program
 /// stores its data in is not.
 constexpr std::uintptr_t kLargestMapping = std::uintptr_t{4} << 30;
 
+constexpr std::size_t kMostPieces = 16;
 constexpr std::size_t kSparedStackBytes = std::size_t{64} << 10;
 
 /// Where the process can write.
@@ -27,24 +29,81 @@ struct Mapping {
   std::uintptr_t end = 0;
 };
 
-/// The mapping that a line of /proc/self/maps tells of; an empty one for memory
-/// that cannot be read and written.
-Mapping WritableMapping(const std::string& line) {
-  std::istringstream words(line);
-  Mapping mapping;
-  char dash = '\0';
-  std::string access;
-  words >> std::hex >> mapping.begin >> dash >> mapping.end >> access;
-  const bool writable = access.rfind("rw", 0) == 0;
-  return writable && mapping.end - mapping.begin <= kLargestMapping ? mapping : Mapping();
-}
+/// The list of mappings, read without a block from the heap: it could be the very
+/// one that a copy was left in.
+class MappingList {
+ public:
+  MappingList() {
+    const int file = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    std::size_t used = 0;
+    ssize_t count = 0;
+    do {
+      used += static_cast<std::size_t>(count);
+      count = read(file, text_ + used, sizeof(text_) - 1 - used);
+    } while (count > 0);
+    close(file);
+    text_[used] = '\0';
+    EXPECT_GT(used, 0U);
+    EXPECT_LT(used, sizeof(text_) - 1);
+  }
 
-std::vector<Mapping> WritableMappings() {
-  std::ifstream maps("/proc/self/maps");
-  EXPECT_TRUE(maps.is_open());
-  std::vector<Mapping> mappings;
-  for (std::string line; std::getline(maps, line);) mappings.push_back(WritableMapping(line));
-  return mappings;
+  /// Takes the next mapping off the list that can be read and written.
+  bool Next(Mapping* mapping) {
+    while (*next_ != '\0') {
+      char* text = next_;
+      mapping->begin = std::strtoull(text, &text, 16);
+      mapping->end = std::strtoull(text + 1, &text, 16);
+      next_ = std::strchr(text, '\n') + 1;
+      if (std::strncmp(text, " rw", 3) == 0 && mapping->end - mapping->begin <= kLargestMapping) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  static char text_[std::size_t{1} << 18];
+  char* next_ = text_;
+};
+
+char MappingList::text_[std::size_t{1} << 18];
+
+/// Eight bytes wherever they lie.
+struct __attribute__((packed, may_alias)) Word {
+  std::uint64_t value;
+};
+
+/// Counts the places at which each of some disguised pieces stands in clear.
+class PieceCounter {
+ public:
+  explicit PieceCounter(const std::vector<std::uint64_t>& pieces) : pieces_(pieces) {
+    for (const std::uint64_t piece : pieces_) isFirstByte_[piece & 0xff] = true;
+  }
+
+  void Search(const Mapping& mapping);
+
+  /// How often the most frequent piece was found.
+  std::size_t most() const { return *std::max_element(std::begin(counts_), std::end(counts_)); }
+
+ private:
+  const std::vector<std::uint64_t>& pieces_;
+  std::size_t counts_[kMostPieces] = {};
+  bool isFirstByte_[256] = {};
+};
+
+// Memory that no object owns any more is read here, which the sanitizer would
+// report. What is read is disguised before it is stored: the search comes across
+// its own frames as well.
+__attribute__((no_sanitize("address"))) void PieceCounter::Search(const Mapping& mapping) {
+  const std::size_t count = pieces_.size();
+  const std::uint64_t* const pieces = pieces_.data();
+  for (std::uintptr_t place = mapping.begin; place + sizeof(Word) <= mapping.end; ++place) {
+    const std::uint64_t word = reinterpret_cast<const Word*>(place)->value ^ kDisguiseWord;
+    if (!isFirstByte_[word & 0xff]) continue;
+    for (std::size_t index = 0; index < count; ++index) {
+      if (word == pieces[index]) ++counts_[index];
+    }
+  }
 }
 
 void Overwrite(volatile unsigned char* bytes, std::size_t size) {
@@ -54,42 +113,35 @@ void Overwrite(volatile unsigned char* bytes, std::size_t size) {
 }  // namespace
 
 DisguisedSecret::DisguisedSecret(std::size_t length) : disguised_(length) {
-  EXPECT_GE(length, 8U);
+  EXPECT_GE(length, sizeof(std::uint64_t));
   std::random_device random;
   std::uniform_int_distribution<int> letter('a', 'z');
   for (unsigned char& byte : disguised_) {
     byte = static_cast<unsigned char>(letter(random) ^ kDisguise);
   }
+  CutIntoPieces();
 }
 
 DisguisedSecret::DisguisedSecret(unsigned char* plain, std::size_t size) : disguised_(size) {
   for (std::size_t index = 0; index < size; ++index) disguised_[index] = plain[index] ^ kDisguise;
   Overwrite(plain, size);
+  CutIntoPieces();
 }
 
 bool DisguisedSecret::Is(std::string_view text) const {
-  return text.size() == size() && StandsAt(reinterpret_cast<const unsigned char*>(text.data()));
+  return std::equal(text.begin(), text.end(), disguised_.begin(), disguised_.end(),
+                    [](char plain, unsigned char disguised) {
+                      return (static_cast<unsigned char>(plain) ^ kDisguise) == disguised;
+                    });
 }
 
-// Memory that no object owns any more is read here: the sanitizer would report it.
-__attribute__((no_sanitize("address"))) bool DisguisedSecret::StandsAt(
-    const unsigned char* place) const {
-  const unsigned char* const disguised = disguised_.data();
-  const std::size_t size = disguised_.size();
-  for (std::size_t index = 0; index < size; ++index) {
-    if ((place[index] ^ kDisguise) != disguised[index]) return false;
+void DisguisedSecret::CutIntoPieces() {
+  const std::size_t last = size() - sizeof(std::uint64_t);
+  pieces_.resize(std::min(kMostPieces, last + 1));
+  for (std::size_t index = 0; index < pieces_.size(); ++index) {
+    const std::size_t offset = last == 0 ? 0 : last * index / (pieces_.size() - 1);
+    std::memcpy(&pieces_[index], disguised_.data() + offset, sizeof(std::uint64_t));
   }
-  return true;
-}
-
-__attribute__((no_sanitize("address"))) std::size_t DisguisedSecret::CopiesIn(
-    const unsigned char* begin, const unsigned char* end) const {
-  const unsigned char first = disguised_[0];
-  std::size_t copies = 0;
-  for (const unsigned char* place = begin; place + disguised_.size() <= end; ++place) {
-    if ((*place ^ kDisguise) == first && StandsAt(place)) ++copies;
-  }
-  return copies;
 }
 
 // The frames of the search would overwrite what calls that are over left on the
@@ -103,12 +155,10 @@ std::size_t DisguisedSecret::Copies() const {
 }
 
 __attribute__((noinline)) std::size_t DisguisedSecret::CopiesInWritableMemory() const {
-  std::size_t copies = 0;
-  for (const Mapping& mapping : WritableMappings()) {
-    copies += CopiesIn(reinterpret_cast<const unsigned char*>(mapping.begin),
-                       reinterpret_cast<const unsigned char*>(mapping.end));
-  }
-  return copies;
+  PieceCounter counter(pieces_);
+  MappingList mappings;
+  for (Mapping mapping; mappings.Next(&mapping);) counter.Search(mapping);
+  return counter.most();
 }
 
 DisguisedSecret::Plain::Plain(const DisguisedSecret& secret)

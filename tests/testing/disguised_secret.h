@@ -2,6 +2,7 @@
 #define TESTS_TESTING_DISGUISED_SECRET_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,7 +32,9 @@ class DisguisedSecret {
   bool Is(std::string_view text) const;
 
   /// The number of plain copies in the memory that the process can write to:
-  /// blocks in use and given back, stacks, static objects.
+  /// blocks in use and given back, stacks, static objects. A copy of which eight
+  /// bytes in a row are left counts as one: whoever gives memory back without
+  /// overwriting it still loses the block's first bytes to the allocator.
   std::size_t Copies() const;
 
   std::size_t size() const { return disguised_.size(); }
@@ -53,10 +56,10 @@ class DisguisedSecret {
   };
 
   std::size_t CopiesInWritableMemory() const;
-  bool StandsAt(const unsigned char* place) const;
-  std::size_t CopiesIn(const unsigned char* begin, const unsigned char* end) const;
+  void CutIntoPieces();
 
   std::vector<unsigned char> disguised_;
+  std::vector<std::uint64_t> pieces_;  ///< runs of eight bytes all over it, disguised
 };
 
 /// Writes a file of `before`, the secret and `after` to `path`, which must not

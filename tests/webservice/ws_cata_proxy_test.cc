@@ -174,7 +174,7 @@ TEST(PasswordFile, LeavesNoCopyOfThePasswordButTheRequests) {
     WriteSecretFile(directory.File("passwd"), "# mine\nxpasswd=", secret, "\n");
     Preparation call(
         {"--url", "http://s", "--login", "joe", "--passwdfile", directory.File("passwd")});
-    ExpectSuccess(call.Prepare());
+    call.proxy.PPrepareWebService(&call.ws, "ws_page.php");
     EXPECT_TRUE(secret.Is(call.ws.fields["passwd"]));
     EXPECT_EQ(secret.Copies(), 1U);
   }
