@@ -28,8 +28,7 @@ TransferSettings Settings(ServerTrust trust) {
   TransferSettings settings;
   settings.url = "https://spa/ws_agent.php";
   settings.answer = &answer;
-  settings.trust = trust;
-  settings.caFile = "/certs/spa.pem";
+  settings.verification = {trust, "/certs/spa.pem"};
   settings.timeoutSeconds = 120;
   settings.errorText = errorText;
   return settings;
