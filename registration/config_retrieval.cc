@@ -1,11 +1,12 @@
 #include "registration/config_retrieval.h"
 
 #include <iostream>
+#include <string_view>
 
 #include "frontend/string_check.h"
 #include "registration/failures.h"
 #include "support/file_system.h"
-#include "support/memory_stream.h"
+#include "support/text_stream.h"
 
 namespace corvel::storage::tzregister {
 namespace {
@@ -42,7 +43,7 @@ const std::string& Require(const support::ParsedOptions& options, const char* na
 
 /// Writes the whole file. A disk that cannot take it must not pass for success:
 /// the host would run with half a configuration.
-void WriteConfigFile(const std::string& text, const std::string& path) {
+void WriteConfigFile(std::string_view text, const std::string& path) {
   support::OutputFile file(path, support::FilePrivacy::kSecret);
   if (!file.isOpen() || !file.Empty() || !file.Write(text) || !file.Close()) {
     failures::kConfigFileNotWritten.Throw(path);
@@ -51,7 +52,7 @@ void WriteConfigFile(const std::string& text, const std::string& path) {
 
 /// Prints the whole file and a line end. The account in it exists nowhere else,
 /// so standard output that cannot take it must not pass for success either.
-void PrintConfigFile(const std::string& text) {
+void PrintConfigFile(std::string_view text) {
   std::cout << text << '\n' << std::flush;
   if (!std::cout) failures::kConfigFileNotWritten.Throw();
 }
@@ -62,14 +63,15 @@ void Registrator::GetConfigFile(const std::string& type, std::int64_t id, bool s
                                 const std::string& storagePath, const std::string& configFilePath,
                                 const std::string& login, const std::string& password) const {
   const configfiletemplate_t templateId = TemplateFor(type, serverGiven);
-  support::MemoryStream received;
+  support::TextWriter received;
   proxy_->GetConfigFile(id, templateId, &received);
-  support::MemoryStream rewritten;
-  ReplacePathsInConfigFile(&received, &rewritten, templateId, storagePath, login, password);
+  support::TextReader in(received.text());
+  support::TextWriter rewritten;
+  ReplacePathsInConfigFile(&in, &rewritten, templateId, storagePath, login, password);
   if (configFilePath.empty()) {
-    PrintConfigFile(rewritten.str());
+    PrintConfigFile(rewritten.text());
   } else {
-    WriteConfigFile(rewritten.str(), configFilePath);
+    WriteConfigFile(rewritten.text(), configFilePath);
   }
   std::cout << "##Configfile written to " << configFilePath << std::endl;
 }

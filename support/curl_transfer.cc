@@ -1,5 +1,7 @@
 #include "support/curl_transfer.h"
 
+#include "support/transfer_socket.h"
+
 namespace corvel::storage::support {
 namespace {
 
@@ -28,6 +30,11 @@ class OptionSetter {
   CURL* handle_;
   bool usable_ = true;
 };
+
+// libcurl reads and sends one buffer in a poll or a hundredth of it: these are the
+// largest that it has.
+constexpr long kReadBytes = 10 << 20;
+constexpr long kSendBytes = 2 << 20;
 
 constexpr long kVerifyNobody = 0;
 constexpr long kVerifyChain = 1;
@@ -85,6 +92,18 @@ bool ConfigureTransfer(CURL* handle, const TransferSettings& settings) {
       .Set(CURLOPT_ERRORBUFFER, settings.errorText)
       .Require(CURLOPT_HEADERFUNCTION, header_callback)
       .Require(CURLOPT_HEADERDATA, settings.answer)
+      .usable();
+}
+
+bool ConfigurePolling(CURL* handle, const Polling& polling) {
+  OptionSetter setter(handle);
+  return setter.Set(CURLOPT_BUFFERSIZE, kReadBytes)
+      .Set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBytes)
+      // Every encoding that libcurl can undo.
+      .Set(CURLOPT_ACCEPT_ENCODING, "")
+      .Set(CURLOPT_OPENSOCKETFUNCTION, OpenTransferSocket)
+      .Set(CURLOPT_OPENSOCKETDATA, polling.connectWait)
+      .Set(CURLOPT_SHARE, polling.share)
       .usable();
 }
 

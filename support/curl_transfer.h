@@ -1,6 +1,7 @@
 #ifndef SUPPORT_CURL_TRANSFER_H_
 #define SUPPORT_CURL_TRANSFER_H_
 
+#include <chrono>
 #include <string>
 
 #include "support/curl_handle.h"
@@ -41,6 +42,14 @@ struct TransferSettings {
   char* errorText = nullptr;  ///< CURL_ERROR_SIZE bytes for libcurl's account of a failure
 };
 
+/// What a transfer needs, on top of the settings above, to take few polls when
+/// its caller pauses for seconds between them.
+struct Polling {
+  CURLSH* share = nullptr;  ///< keeps connections and names for later transfers; null: nothing does
+  /// What may still be waited for connections; see OpenTransferSocket.
+  std::chrono::milliseconds* connectWait = nullptr;
+};
+
 /// A request of the channel, on top of the settings above: a POST of `text`
 /// with HTTP Basic credentials, over TLS 1.2 or later only.
 struct ChannelPost {
@@ -50,13 +59,17 @@ struct ChannelPost {
   curl_slist* headers = nullptr;
 };
 
-/// Applies `settings` to `handle`; with ConfigureChannelPost the one place where
-/// libcurl is configured. Whatever is not named here keeps libcurl's default:
+/// Applies `settings` to `handle`; with the two functions below the one place
+/// where libcurl is configured. Whatever is not named here keeps libcurl's default:
 /// proxies by environment, no redirects followed.
 /// False when memory is short or a setting is refused that verifying the server
 /// rests on; the handle must not be used then. A refusal of anything else, such
 /// as a negative time-out, leaves libcurl's default in force.
 bool ConfigureTransfer(CURL* handle, const TransferSettings& settings);
+
+/// Makes `handle` fit for `polling`. False when memory is short; the handle must
+/// not be used then.
+bool ConfigurePolling(CURL* handle, const Polling& polling);
 
 /// Makes `handle` send `post`. False when any setting of it is refused; the
 /// handle must not be used then.

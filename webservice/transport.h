@@ -64,8 +64,9 @@ class HttpTransport {
   virtual std::unique_ptr<HttpTransfer> Start(const HttpRequest& request,
                                               WebServiceBuffer* answer) = 0;
 
-  /// libcurl. It has no state and lives as long as the process.
-  static HttpTransport& System();
+  /// libcurl. Connections and looked-up names are kept from request to request
+  /// until it goes. Requests that were abandoned may outlive it.
+  static std::unique_ptr<HttpTransport> Curl();
 };
 
 /// The storage product's request channel; each operation is that of
@@ -87,7 +88,7 @@ class RequestChannel {
 /// outlive whoever holds a copy.
 struct Network {
   support::Clock* clock = &support::Clock::System();
-  HttpTransport* http = &HttpTransport::System();
+  HttpTransport* http = nullptr;
   RequestChannel* channel = &RequestChannel::System();
 };
 

@@ -15,6 +15,10 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+// What the operations return, by its number: callers know it so.
+constexpr int kRefused = -1;
+constexpr int kMissing = -7;
+
 std::vector<std::string> OptionNames(TZConfig* config, const std::string& section) {
   std::vector<std::string> names;
   for (const auto& entry : config->GetOptionMap(section)->options) names.push_back(entry.first);
@@ -133,8 +137,8 @@ TEST(TZConfig, RefusesToSetWithoutANameAndCreatesNothing) {
   } kNames[] = {{"", "o"}, {"s", ""}, {"", ""}};
   for (const auto& row : kNames) {
     SCOPED_TRACE(std::string(row.section) + "/" + row.option);
-    EXPECT_EQ(config.SetOptionValue(row.section, row.option, "v"), -1);
-    EXPECT_EQ(config.SetOptionValue(row.section, row.option, "v", "c"), -1);
+    EXPECT_EQ(config.SetOptionValue(row.section, row.option, "v"), kRefused);
+    EXPECT_EQ(config.SetOptionValue(row.section, row.option, "v", "c"), kRefused);
     EXPECT_THAT(config.SectionOrder(), IsEmpty());
   }
 }
@@ -143,10 +147,10 @@ TEST(TZConfig, RefusesToGetWithoutNameOrOutputAndCreatesNothing) {
   TZConfig config;
   std::string value = "v";
   std::string comment = "c";
-  EXPECT_EQ(config.GetOptionValue("", "o", &value, &comment), -1);
-  EXPECT_EQ(config.GetOptionValue("s", "", &value, &comment), -1);
-  EXPECT_EQ(config.GetOptionValue("s", "o", nullptr, &comment), -1);
-  EXPECT_EQ(config.GetOptionValue("s", "o", &value, nullptr), -1);
+  EXPECT_EQ(config.GetOptionValue("", "o", &value, &comment), kRefused);
+  EXPECT_EQ(config.GetOptionValue("s", "", &value, &comment), kRefused);
+  EXPECT_EQ(config.GetOptionValue("s", "o", nullptr, &comment), kRefused);
+  EXPECT_EQ(config.GetOptionValue("s", "o", &value, nullptr), kRefused);
   EXPECT_THAT(config.SectionOrder(), IsEmpty());
   EXPECT_EQ(value + comment, "vc");
 }
@@ -156,7 +160,7 @@ TEST(TZConfig, CreatesTheSectionOfAnOptionThatIsMissing) {
   config.SetOptionValue("first", "o", "v");
   std::string value = "v";
   std::string comment = "c";
-  EXPECT_EQ(config.GetOptionValue("asked", "o", &value, &comment), -7);
+  EXPECT_EQ(config.GetOptionValue("asked", "o", &value, &comment), kMissing);
   EXPECT_EQ(value + comment, "vc");
   EXPECT_THAT(config.SectionOrder(), ElementsAre("first", "asked"));
   EXPECT_THAT(OptionNames(&config, "asked"), IsEmpty());
@@ -167,7 +171,7 @@ TEST(TZConfig, MissesAnOptionThatAnotherSectionHas) {
   config.SetOptionValue("a", "o", "v");
   config.SetOptionValue("b", "p", "w");
   std::string text;
-  EXPECT_EQ(config.GetOptionValue("b", "o", &text, &text), -7);
+  EXPECT_EQ(config.GetOptionValue("b", "o", &text, &text), kMissing);
   EXPECT_THAT(OptionNames(&config, "b"), ElementsAre("p"));
 }
 

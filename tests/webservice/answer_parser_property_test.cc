@@ -51,7 +51,7 @@ std::map<std::string, std::string> ErrorOf(const ServiceError& error) {
 }
 
 Answer ParsedAnswer(std::string bytes) {
-  WebService ws;
+  WebService ws{Network()};
   WebService::data_callback(bytes.data(), 1, bytes.size(), &ws.buffer);
   RecordSet records;
   Answer answer;

@@ -25,7 +25,7 @@ using ::testing::ElementsAre;
 using ::testing::Pair;
 
 constexpr long kStaleCode = 999;
-constexpr std::size_t kLongestAnswer = std::size_t{64} << 20;
+constexpr std::size_t kLongestAnswer = std::size_t{256} << 20;
 
 /// A request over fakes. The server's certificate is not looked for.
 struct Request {
@@ -57,7 +57,7 @@ constexpr char kTimedOut[] = "Webservice call timed out. (curl call did not)\n";
 constexpr char kNetworkError[] = "Network error during webservice call\n";
 
 TEST(WebService, StartsWithItsDefaults) {
-  const WebService ws;
+  const WebService ws{Network()};
   EXPECT_TRUE(ws.fields.empty());
   EXPECT_FALSE(ws.hasFields);
   EXPECT_EQ(ws.buffer.data, nullptr);
@@ -69,7 +69,7 @@ TEST(WebService, StartsWithItsDefaults) {
 }
 
 TEST(WebServiceField, KeepsNamesInByteOrder) {
-  WebService ws;
+  WebService ws{Network()};
   EXPECT_EQ(ws.field("type", "t"), 0);
   EXPECT_EQ(ws.field("action", "a"), 0);
   EXPECT_EQ(ws.field("hostName", "h"), 0);
@@ -79,7 +79,7 @@ TEST(WebServiceField, KeepsNamesInByteOrder) {
 }
 
 TEST(WebServiceField, KeepsTheFirstValueOfAName) {
-  WebService ws;
+  WebService ws{Network()};
   ws.field("a", "first");
   EXPECT_EQ(ws.field("a", "second"), 0);
   EXPECT_EQ(ws.field("a", 3), 0);
@@ -87,7 +87,7 @@ TEST(WebServiceField, KeepsTheFirstValueOfAName) {
 }
 
 TEST(WebServiceField, CopiesItsTexts) {
-  WebService ws;
+  WebService ws{Network()};
   std::string name = "name";
   std::string value = "value";
   ws.field(name.c_str(), value.c_str());
@@ -96,7 +96,7 @@ TEST(WebServiceField, CopiesItsTexts) {
 }
 
 TEST(WebServiceField, WritesNumbersInDecimal) {
-  WebService ws;
+  WebService ws{Network()};
   ws.field("a", -5);
   ws.field("b", std::int64_t{0});
   ws.field("c", std::numeric_limits<std::int64_t>::max());

@@ -45,6 +45,7 @@ _NOT_ALLOWED = (
 
 _HOSTS = "127.0.0.1 localhost\n"
 _NAME_SERVICE = "passwd: files\ngroup: files\nhosts: files\n"
+_ALL_ADDRESSES_OF_A_NAME = "multi on\n"
 
 
 @dataclass(frozen=True)
@@ -123,6 +124,7 @@ class Host:
             made.mkdir(parents=True)
         (self._files / "hosts").write_text(_HOSTS)
         (self._files / "nsswitch.conf").write_text(_NAME_SERVICE)
+        (self._files / "host.conf").write_text(_ALL_ADDRESSES_OF_A_NAME)
 
     def install_registry(self, text: bytes) -> None:
         """Gives the machine a "/etc/qxregistry.cfg" with this text."""
@@ -154,6 +156,11 @@ class Host:
     def install_ssl_directory(self, directory: Path) -> None:
         """Replaces the machine's "/etc/ssl" (trusted authorities, OpenSSL's settings)."""
         self._ssl = directory
+
+    def name_address(self, name: str, address: str) -> None:
+        """Lets the machine know another host by name."""
+        with open(self._files / "hosts", "a", encoding="ascii") as hosts:
+            hosts.write(f"{address} {name}\n")
 
     def set_name(self, name: str) -> None:
         """Gives the machine a host name of its own."""
@@ -216,7 +223,7 @@ class Host:
         options: list[str] = []
         for name in _SHARED_ETC:
             options += ["--ro-bind-try", f"/etc/{name}", f"/etc/{name}"]
-        for name in ("hosts", "nsswitch.conf"):
+        for name in ("hosts", "nsswitch.conf", "host.conf"):
             options += ["--ro-bind", str(self._files / name), f"/etc/{name}"]
         options += ["--ro-bind", str(self._ssl), "/etc/ssl"]
         options += ["--bind", str(self.etc_quorvex), "/etc/quorvex"]
