@@ -238,7 +238,7 @@ REGISTRATIONS = [
 CASES = [*cut_markers(), *NO_ANSWER, *TABLES, *ERRORS, *REGISTRATIONS]
 
 
-@pytest.mark.parametrize("case", CASES, ids=lambda case: f"{case.action}: {case.name}")
+@pytest.mark.parametrize("case", CASES, ids=[f"{case.action}: {case.name}" for case in CASES])
 def test_an_answer_is_used_or_leaves_everything_as_it_was(host: Host, case: Case) -> None:
     machine = RegisteredHost(host)
     with RawServer([http_answer(case.answer)]) as server:

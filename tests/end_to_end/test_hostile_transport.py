@@ -199,7 +199,7 @@ RESETS = [
 CASES = [*FRAMES, *PACKAGES, *REDIRECTS, *STATUSES, *RESETS]
 
 
-@pytest.mark.parametrize("case", CASES, ids=lambda case: case.name)
+@pytest.mark.parametrize("case", CASES, ids=[case.name for case in CASES])
 def test_a_server_that_breaks_the_rules_changes_nothing(host: Host, case: Case) -> None:
     machine = RegisteredHost(host)
     with RawServer([case.reply]) as server:
@@ -437,7 +437,7 @@ CHANNEL = [
 ]
 
 
-@pytest.mark.parametrize("case", CHANNEL, ids=lambda case: case.name)
+@pytest.mark.parametrize("case", CHANNEL, ids=[case.name for case in CHANNEL])
 def test_a_channel_that_breaks_the_rules_changes_nothing(host: Host, ca: CertificateAuthority, case: Case) -> None:
     machine = RegisteredHost(host)
     trust(machine, ca.file)
