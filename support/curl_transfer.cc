@@ -82,10 +82,16 @@ bool ConfigureTransfer(CURL* handle, const TransferSettings& settings) {
   if (settings.form != nullptr) SetForm(*settings.form, &setter);
   setter.Set(CURLOPT_WRITEFUNCTION, data_callback).Set(CURLOPT_WRITEDATA, settings.answer);
   SetTrust(settings.verification, &setter);
+  if (settings.timeoutSeconds > 0) {
+    settings.answer->deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(settings.timeoutSeconds);
+  }
   return setter.Set(CURLOPT_NOSIGNAL, 1L)
       .Set(CURLOPT_TIMEOUT, settings.timeoutSeconds)
       .Set(CURLOPT_CONNECTTIMEOUT, settings.timeoutSeconds)
       .Set(CURLOPT_ERRORBUFFER, settings.errorText)
+      .Require(CURLOPT_HEADERFUNCTION, header_callback)
+      .Require(CURLOPT_HEADERDATA, settings.answer)
       .usable();
 }
 

@@ -5,6 +5,7 @@ from __future__ import annotations
 import contextlib
 import socket
 import time
+import zlib
 from pathlib import Path
 from typing import Callable
 
@@ -12,7 +13,7 @@ import pytest
 
 from harness.measured import MEBIBYTE, measured_run
 from harness.messages import NETWORK_ERROR, TIMED_OUT, call_failed
-from harness.raw_server import RawServer, Reply
+from harness.raw_server import RawServer, Reply, http_answer
 from harness.registered_host import RegisteredHost
 from harness.sandbox import EXIT_FAILURE, Host, Result
 
@@ -21,7 +22,7 @@ DEADLINE_SECONDS = 120
 LATEST_END_SECONDS = DEADLINE_SECONDS + 2 + 10
 TIME_LIMIT_SECONDS = 160.0
 
-MOST_ANSWER = 64 * MEBIBYTE
+MOST_ANSWER = 256 * MEBIBYTE
 MOST_FOR_HEADERS = 64 * MEBIBYTE
 HEAD = b"HTTP/1.1 200 OK\r\n"
 CHUNKED = HEAD + b"Transfer-Encoding: chunked\r\n\r\n"
@@ -72,6 +73,14 @@ ENDLESS = {
 @pytest.mark.parametrize("first, piece", ENDLESS.values(), ids=ENDLESS.keys())
 def test_an_answer_without_end_is_given_up(host: Host, tmp_path: Path, first: bytes, piece: bytes) -> None:
     assert attack(host, tmp_path, pouring(first, piece), most_for(MOST_ANSWER)) == BROKEN
+
+
+def test_a_bomb_is_given_up_once_it_has_grown_too_long(host: Host, tmp_path: Path) -> None:
+    squeeze = zlib.compressobj(9, zlib.DEFLATED, 16 + zlib.MAX_WBITS)
+    piece = bytes(MEBIBYTE)
+    bomb = b"".join(squeeze.compress(piece) for _ in range(300)) + squeeze.flush()
+    reply = http_answer(bomb, headers=["Content-Encoding: gzip"])
+    assert attack(host, tmp_path, reply, most_for(MOST_ANSWER)) == BROKEN
 
 
 HEADS = {

@@ -5,11 +5,11 @@ from __future__ import annotations
 import os
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Sequence
+from typing import Mapping, Optional, Sequence
 
 from harness.credentials import CredentialFile
 from harness.passwords import KEY_FILE, encrypt
-from harness.sandbox import Host, Result
+from harness.sandbox import DEFAULT_TIME_LIMIT_SECONDS, Host, Result
 
 KEY = b"the host's key file"
 LOGIN = "agent_42"
@@ -73,11 +73,17 @@ class RegisteredHost:
         }
         return ("--action", action, *options[action])
 
-    def run(self, action: str, url: str, **settings: object) -> tuple[Result, dict[str, bytes]]:
+    def run(
+        self,
+        action: str,
+        url: str,
+        environment: Optional[Mapping[str, str]] = None,
+        time_limit: float = DEFAULT_TIME_LIMIT_SECONDS,
+    ) -> tuple[Result, dict[str, bytes]]:
         """Runs an action and says what it left: its streams, and the files that appeared or changed."""
         arguments = self.arguments(action, url)
         before = self.files()
-        result = self.host.run(*arguments, **settings)
+        result = self.host.run(*arguments, environment=environment, time_limit=time_limit)
         return result, self.changes(before)
 
     def files(self) -> dict[str, FileState]:
