@@ -9,8 +9,8 @@ from typing import Iterator
 
 import pytest
 
-from authority import Authority, running_authority
-from sandbox import Host
+from harness.authority import Authority, running_authority
+from harness.sandbox import Host, SandboxUnavailable, launcher
 
 
 def pytest_configure() -> None:
@@ -22,6 +22,10 @@ def pytest_configure() -> None:
         raise pytest.UsageError(f"TZREGISTER_BINARY names no program: {program}")
     if shutil.which("bwrap") is None:
         raise pytest.UsageError("bwrap is not installed (Debian package bubblewrap)")
+    try:
+        launcher()
+    except SandboxUnavailable as reason:
+        raise pytest.UsageError(str(reason)) from reason
 
 
 @pytest.fixture

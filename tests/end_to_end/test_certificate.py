@@ -6,17 +6,17 @@ import datetime
 import stat
 import subprocess
 from pathlib import Path
-from typing import Sequence
+from typing import Any, Sequence
 
 import pytest
 from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.asymmetric import rsa
 
-import der
-from credentials import CredentialFile
-from messages import NO_REGISTRY, bad_combination, completed, executable_path, failed
-from passwords import KEY_FILE
-from sandbox import EXIT_FAILURE, Host, Result
+from harness import der
+from harness.credentials import CredentialFile
+from harness.messages import NO_REGISTRY, bad_combination, completed, executable_path, failed
+from harness.passwords import KEY_FILE
+from harness.sandbox import EXIT_FAILURE, Host, Result
 
 SERVER_NAME = "spa.quorvex.example"
 MD5_WITH_RSA = "1.2.840.113549.1.1.4"
@@ -34,7 +34,7 @@ LIFETIME = datetime.timedelta(seconds=157_680_000)
 SUCCESS = Result(0, b"", completed("certificate"))
 
 
-def make(host: Host, *more: str, **settings: object) -> Result:
+def make(host: Host, *more: str, **settings: Any) -> Result:
     """Runs the action certificate."""
     return host.run("--action", "certificate", "--type", "Agent", *more, **settings)
 

@@ -10,11 +10,11 @@ from typing import Iterator, Mapping, Optional, Sequence
 
 import pytest
 
-from answers import agent_answer, config_answer, empty_answer, error_answer, routing_answer
-from authority import Authority, port_of, tls_front
-from config_model import provisioned
-from credentials import CredentialFile
-from messages import (
+from harness.answers import agent_answer, config_answer, empty_answer, error_answer, routing_answer
+from harness.authority import Authority, port_of, tls_front
+from harness.config_model import provisioned
+from harness.credentials import CredentialFile
+from harness.messages import (
     NOT_PARSED,
     REQUEST_FAILED,
     STATUS_FAILED,
@@ -23,11 +23,11 @@ from messages import (
     error_returned,
     written_to,
 )
-from passwords import KEY_FILE, decrypt
-from raw_server import RawServer, Request, http_answer, refusing_port
-from sandbox import EXIT_FAILURE, Host, Result
-from templates import AGENT_TEMPLATE, agent_provisioned, stored_option
-from tls_files import CertificateAuthority, ServerFiles
+from harness.passwords import KEY_FILE, decrypt
+from harness.raw_server import RawServer, Request, http_answer, refusing_port
+from harness.sandbox import EXIT_FAILURE, Host, Result
+from harness.templates import AGENT_TEMPLATE, agent_provisioned, stored_option
+from harness.tls_files import CertificateAuthority, ServerFiles
 
 KEY = b"the host's key file"
 SUCCESS = Result(0, b"", completed("discover"))

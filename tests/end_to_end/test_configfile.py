@@ -9,10 +9,10 @@ from typing import Optional, Sequence
 
 import pytest
 
-from answers import config_answer, data_answer, empty_answer, error_answer
-from authority import Authority
-from config_model import Config, provisioned
-from messages import (
+from harness.answers import config_answer, data_answer, empty_answer, error_answer
+from harness.authority import Authority
+from harness.config_model import Config, provisioned
+from harness.messages import (
     NO_RECORDS,
     NO_REGISTRY,
     NOT_PARSED,
@@ -25,10 +25,10 @@ from messages import (
     failed,
     written_to,
 )
-from passwords import MASK
-from raw_server import RawServer, Request, http_answer
-from sandbox import EXIT_FAILURE, Host, Result
-from templates import AGENT_TEMPLATE, agent_provisioned
+from harness.passwords import MASK
+from harness.raw_server import RawServer, Request, http_answer
+from harness.sandbox import EXIT_FAILURE, Host, Result
+from harness.templates import AGENT_TEMPLATE, agent_provisioned
 
 ACCOUNT = ("--login", "admin", "--passwd", "secret")
 BASE = "/opt/agent"

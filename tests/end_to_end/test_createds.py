@@ -6,15 +6,15 @@ from typing import Optional, Sequence
 
 import pytest
 
-from answers import data_answer, empty_answer, error_answer
-from authority import Authority
-from credentials import CredentialFile
-from messages import NO_REGISTRY, NOT_PARSED, call_failed, completed, error_returned, executable_path, failed
-from passwords import KEY_FILE, encrypt
-from raw_server import RawServer, Request, http_answer
-from round_trip import ACCOUNTS, provision
-from sandbox import EXIT_FAILURE, Host, Result
-from templates import stored_option
+from harness.answers import data_answer, empty_answer, error_answer
+from harness.authority import Authority
+from harness.credentials import CredentialFile
+from harness.messages import NO_REGISTRY, NOT_PARSED, call_failed, completed, error_returned, executable_path, failed
+from harness.passwords import KEY_FILE, encrypt
+from harness.raw_server import RawServer, Request, http_answer
+from harness.round_trip import ACCOUNTS, provision
+from harness.sandbox import EXIT_FAILURE, Host, Result
+from harness.templates import stored_option
 
 KEY = b"the host's key file"
 NO_RULES = b"Warning: No dsrules parameter given. Continuing without.\n"

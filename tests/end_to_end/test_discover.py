@@ -4,13 +4,13 @@ from __future__ import annotations
 
 import shutil
 from pathlib import Path
-from typing import Optional, Sequence
+from typing import Any, Optional, Sequence
 
 import pytest
 
-from answers import agent_answer, data_answer, empty_answer, error_answer
-from authority import LOGIN, Authority
-from messages import (
+from harness.answers import agent_answer, data_answer, empty_answer, error_answer
+from harness.authority import LOGIN, Authority
+from harness.messages import (
     BAD_PASSWORD_FILE,
     NETWORK_ERROR,
     NO_CREDENTIALS,
@@ -20,13 +20,13 @@ from messages import (
     error_returned,
     failed,
 )
-from raw_server import RawServer, Reply, http_answer, refusing_port
-from sandbox import EXIT_FAILURE, Host, Result
+from harness.raw_server import RawServer, Reply, http_answer, refusing_port
+from harness.sandbox import EXIT_FAILURE, Host, Result
 
 SUCCESS = Result(0, b"", completed("discover"))
 
 
-def discover(host: Host, url: str, *more: str, **settings: object) -> Result:
+def discover(host: Host, url: str, *more: str, **settings: Any) -> Result:
     """Runs discover with a login and a password."""
     account = ("--login", "admin", "--passwd", "secret")
     return host.run("--action", "discover", "--url", url, *account, *more, **settings)

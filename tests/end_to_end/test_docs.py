@@ -5,27 +5,21 @@ from __future__ import annotations
 import re
 import shlex
 import shutil
+import subprocess
 from pathlib import Path
 from typing import Sequence
 
 import pytest
 
-from answers import config_answer
-from authority import Authority
-from messages import completed
-from raw_server import RawServer, http_answer
-from sandbox import EXIT_FAILURE, Host, Result
-from tls_files import CertificateAuthority
+from harness.answers import config_answer
+from harness.authority import Authority
+from harness.messages import completed
+from harness.pages import DOCS, ROOT, examples, section
+from harness.raw_server import RawServer, http_answer
+from harness.sandbox import EXIT_FAILURE, Host, Result
+from harness.tls_files import CertificateAuthority
 
-_ROOT = Path(__file__).resolve().parents[2]
-_DOCS = _ROOT / "docs"
 _ALL_ACTIONS_SECONDS = 240.0
-
-
-def examples(page: str) -> dict[str, str]:
-    """The page's fenced blocks by the word behind their language."""
-    blocks = re.findall(r"^```\w+ ([\w-]+)\n(.*?)^```$", (_DOCS / page).read_text(), re.DOTALL | re.MULTILINE)
-    return dict(blocks)
 
 
 def arguments(command: str, **replaced: str) -> Sequence[str]:
@@ -83,8 +77,8 @@ def test_the_exchange_of_the_channel(registered: Host, tmp_path: Path) -> None:
 
 
 def test_the_commands_of_the_readme_work_one_after_the_other(host: Host, authority: Authority) -> None:
-    section = (_ROOT / "README.md").read_text().partition("\n## Actions\n")[2].partition("\n## ")[0]
-    prepare, *commands = re.findall(r"^```sh\n(.*?)^```$", section, re.DOTALL | re.MULTILINE)
+    actions_section = section((ROOT / "README.md").read_text(), "Actions")
+    prepare, *commands = re.findall(r"^```sh\n(.*?)^```$", actions_section, re.DOTALL | re.MULTILINE)
     assert len(commands) == 6
     shutil.copy(authority.password_file, host.work / "admin.passwd")
     host.let_prepare()
@@ -97,3 +91,78 @@ def test_the_commands_of_the_readme_work_one_after_the_other(host: Host, authori
     written = {path.name for path in (*host.work.iterdir(), *host.etc_quorvex.iterdir())}
     assert written >= {"Agent.cfg", "cr.cfg", "pool.recommended", "pool.current", "agent.cert", "agent.key"}
     assert "home" in authority.show("dataselections")
+
+
+PAGES = sorted([ROOT / "README.md", ROOT / "CONTRIBUTING.md", *DOCS.glob("*.md")])
+LEAVES = {"frontend/register_exception", "frontend/string_check"}
+FOLDERS = ("config", "frontend", "registration", "support", "webservice")
+
+
+def anchor(heading: str) -> str:
+    """The name under which a heading can be linked to."""
+    return re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
+
+
+def anchors(page: Path) -> set[str]:
+    """The headings of a page that can be linked to."""
+    return {anchor(heading) for heading in re.findall(r"^#+ (.*)$", page.read_text(), re.MULTILINE)}
+
+
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
+def test_every_link_leads_somewhere(page: Path) -> None:
+    for target, fragment in re.findall(r"\]\((?!\w+:)([^)#]*)(?:#([^)]*))?\)", page.read_text()):
+        file = page.parent / target if target else page
+        assert file.exists(), target
+        assert not fragment or fragment in anchors(file), f"{target}#{fragment}"
+
+
+def test_the_index_lists_every_page() -> None:
+    index = (DOCS / "README.md").read_text()
+    missing = [page.name for page in DOCS.glob("*.md") if page.name != "README.md" and f"({page.name})" not in index]
+    assert missing == []
+
+
+@pytest.mark.parametrize("page", ["docs/architecture.md", "CONTRIBUTING.md"])
+def test_the_files_and_functions_that_a_page_names_are_there(page: str) -> None:
+    text = (ROOT / page).read_text()
+    files = re.findall(r"`((?:\w+/)*[\w-]+\.(?:cc|h|py|dot|md))`", text)
+    assert files and [name for name in files if not found_in_tree(name)] == []
+    sources = "".join(source.read_text() for folder in FOLDERS for source in (ROOT / folder).glob("*.*"))
+    names = re.findall(r"`(?:\w+::)*([A-Za-z]\w*)`", text)
+    assert [name for name in names if not re.search(rf"\b{name}\b", sources) and name not in OTHER_WORDS] == []
+
+
+# Words in code type that are no names of the sources.
+OTHER_WORDS = {"http", "kUpper"}
+
+
+def found_in_tree(name: str) -> bool:
+    """Whether a file of this path, or of this bare name, is in the tree."""
+    places = [name, f"tests/end_to_end/{name}", f"docs/{name}"]
+    return any((ROOT / place).exists() for place in places)
+
+
+def folder_of(unit: str) -> str:
+    """The box of the picture to which a source file without its ending belongs."""
+    return "leaves" if unit in LEAVES else unit.partition("/")[0]
+
+
+def include_arrows() -> set[tuple[str, str]]:
+    """Which box of the picture includes headers of which other one."""
+    arrows = set()
+    for folder in FOLDERS:
+        for source in (ROOT / folder).glob("*.*"):
+            start = folder_of(f"{folder}/{source.stem}")
+            for header in re.findall(r'^#include "(\w+/\w+)\.h"', source.read_text(), re.MULTILINE):
+                arrows.add((start, folder_of(header)))
+    return {arrow for arrow in arrows if arrow[0] != arrow[1] and arrow != ("frontend", "leaves")}
+
+
+def test_the_arrows_of_the_picture_are_those_of_the_sources() -> None:
+    drawn = re.findall(r"^  (\w+) -> (\w+);$", (DOCS / "architecture.dot").read_text(), re.MULTILINE)
+    assert set(drawn) == include_arrows()
+
+
+def test_the_picture_is_drawn_from_its_text_as_it_stands() -> None:
+    command = [str(ROOT / "scripts" / "render-docs"), "--check"]
+    assert subprocess.run(command, stderr=subprocess.PIPE, text=True, check=False).stderr == ""

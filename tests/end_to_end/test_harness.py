@@ -9,11 +9,11 @@ from pathlib import Path
 import pytest
 from cryptography.exceptions import InvalidTag
 
-from config_model import Config, provisioned
-from passwords import decrypt, encrypt
-from raw_server import RawServer, Request, http_answer, multipart
-from sandbox import Host
-from templates import AGENT_TEMPLATE, agent_provisioned
+from harness.config_model import Config, provisioned
+from harness.passwords import decrypt, encrypt
+from harness.raw_server import RawServer, Request, http_answer, multipart
+from harness.sandbox import Host
+from harness.templates import AGENT_TEMPLATE, agent_provisioned
 
 BOUNDARY = "----x"
 HEAD = f"POST / HTTP/1.1\r\nContent-Type: multipart/form-data; boundary={BOUNDARY}\r\n\r\n".encode()

@@ -6,14 +6,14 @@ import contextlib
 import gzip
 import socket
 import time
-from typing import Callable
+from typing import Any, Callable
 
 import pytest
 
-from answers import agent_answer, config_answer, data_answer, empty_answer, error_answer
-from messages import NETWORK_ERROR, NOT_PARSED, TIMED_OUT, call_failed, completed, error_returned, written_to
-from raw_server import RawServer, Reply, http_answer
-from sandbox import EXIT_FAILURE, Host, Result
+from harness.answers import agent_answer, config_answer, data_answer, empty_answer, error_answer
+from harness.messages import NETWORK_ERROR, NOT_PARSED, TIMED_OUT, call_failed, completed, error_returned, written_to
+from harness.raw_server import RawServer, Reply, http_answer
+from harness.sandbox import EXIT_FAILURE, Host, Result
 
 SUCCESS = Result(0, b"", completed("discover"))
 MEGABYTE = 1 << 20
@@ -28,7 +28,7 @@ def failure(*messages: bytes) -> Result:
     return Result(EXIT_FAILURE, b"", call_failed("discover", *messages))
 
 
-def discover_from(host: Host, reply: Reply, **settings: object) -> Result:
+def discover_from(host: Host, reply: Reply, **settings: Any) -> Result:
     """Runs discover against a server that answers once, with this."""
     with RawServer([reply]) as server:
         account = ("--url", server.url, "--login", "admin", "--passwd", "secret")

@@ -7,7 +7,7 @@ from typing import Sequence
 
 import pytest
 
-from messages import (
+from harness.messages import (
     ALLOWED_ACTIONS,
     COMPONENT_TYPES,
     NO_CREDENTIALS,
@@ -16,7 +16,7 @@ from messages import (
     invalid_action,
     invalid_type,
 )
-from sandbox import EXIT_FAILURE, Host, Result
+from harness.sandbox import EXIT_FAILURE, Host, Result
 
 NO_ACTION = b"at least and only one --action is expected \n"
 NO_TYPE = b"--type is missing\n"

@@ -8,10 +8,10 @@ from typing import Optional, Sequence
 
 import pytest
 
-from answers import agent_answer, config_answer, data_answer, empty_answer, error_answer
-from authority import LOGIN, Authority
-from config_model import provisioned
-from messages import (
+from harness.answers import agent_answer, config_answer, data_answer, empty_answer, error_answer
+from harness.authority import LOGIN, Authority
+from harness.config_model import provisioned
+from harness.messages import (
     NETWORK_ERROR,
     NO_RECORDS,
     NO_REGISTRY,
@@ -23,10 +23,10 @@ from messages import (
     failed,
     written_to,
 )
-from passwords import KEY_FILE, MASK, decrypt
-from raw_server import RawServer, http_answer
-from sandbox import EXIT_FAILURE, Host, Result
-from templates import AGENT_TEMPLATE, agent_provisioned, stored_option
+from harness.passwords import KEY_FILE, MASK, decrypt
+from harness.raw_server import RawServer, http_answer
+from harness.sandbox import EXIT_FAILURE, Host, Result
+from harness.templates import AGENT_TEMPLATE, agent_provisioned, stored_option
 
 ACCOUNT = ("--login", "admin", "--passwd", "secret")
 KEY = b"any content that is not empty\0\n"

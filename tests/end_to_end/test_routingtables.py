@@ -3,14 +3,14 @@
 from __future__ import annotations
 
 from pathlib import Path
-from typing import Optional, Sequence
+from typing import Callable, Optional, Sequence
 
 import pytest
 
-from answers import data_answer, empty_answer, error_answer, routing_answer
-from authority import Authority
-from credentials import CredentialFile
-from messages import (
+from harness.answers import data_answer, empty_answer, error_answer, routing_answer
+from harness.authority import Authority
+from harness.credentials import CredentialFile
+from harness.messages import (
     NETWORK_ERROR,
     NO_RECORDS,
     NO_REGISTRY,
@@ -21,11 +21,11 @@ from messages import (
     executable_path,
     failed,
 )
-from passwords import KEY_FILE, MASK, encrypt
-from raw_server import RawServer, Request, http_answer
-from round_trip import ACCOUNTS, provision
-from sandbox import EXIT_FAILURE, Host, Result
-from templates import stored_option
+from harness.passwords import KEY_FILE, MASK, encrypt
+from harness.raw_server import RawServer, Request, http_answer
+from harness.round_trip import ACCOUNTS, provision
+from harness.sandbox import EXIT_FAILURE, Host, Result
+from harness.templates import stored_option
 
 KEY = b"the host's key file"
 RECOMMENDED = "# recommended\n0000-ffff\tcr01|10082\\x\r\nend"
@@ -147,7 +147,7 @@ def test_the_fixed_login_travels_with_its_stored_password(host: Host, credential
     assert request.parts() == form(credentials.keydir, MASK, "TWLX_AGENT")
 
 
-TAMPERED = {
+TAMPERED: dict[str, Callable[[str], str]] = {
     "plain text": lambda stored: "s3cret",
     "another key's": lambda stored: encrypt(b"another key", b"s3cret"),
     "first letter": lambda stored: "x" + stored[1:],

@@ -4,18 +4,18 @@ from __future__ import annotations
 
 import shutil
 from pathlib import Path
-from typing import Mapping, Optional
+from typing import Callable, Mapping, Optional
 
 import pytest
 
-from answers import empty_answer
-from authority import Authority, port_of, tls_front
-from messages import NETWORK_ERROR, call_failed, completed, written_to
-from passwords import KEY_FILE
-from raw_server import RawServer, http_answer
-from sandbox import EXIT_FAILURE, Host, Result
-from templates import stored_option
-from tls_files import CertificateAuthority, ServerFiles
+from harness.answers import empty_answer
+from harness.authority import Authority, port_of, tls_front
+from harness.messages import NETWORK_ERROR, call_failed, completed, written_to
+from harness.passwords import KEY_FILE
+from harness.raw_server import RawServer, http_answer
+from harness.sandbox import EXIT_FAILURE, Host, Result
+from harness.templates import stored_option
+from harness.tls_files import CertificateAuthority, ServerFiles
 
 SUCCESS = Result(0, b"", completed("discover"))
 FAILURE = Result(EXIT_FAILURE, b"", call_failed("discover", NETWORK_ERROR))
@@ -179,7 +179,7 @@ def test_a_registered_agent_works_over_a_verified_front(
 def test_a_front_that_cannot_be_verified_gets_no_credentials(
     host: Host, plugins: Path, ca: CertificateAuthority, authority: Authority, tmp_path: Path, wrong: str
 ) -> None:
-    servers = {
+    servers: dict[str, Callable[[], ServerFiles]] = {
         "expired": ca.expired_server,
         "wrong name": lambda: ca.server(names=["spa.example"]),
         "unknown issuer": CertificateAuthority(host.work / "other").server,

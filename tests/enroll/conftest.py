@@ -2,15 +2,19 @@
 
 from __future__ import annotations
 
+import sys
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 
-from authority import Authority, running_authority
+_ROOT = Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(_ROOT / "enroll"), str(_ROOT / "tests/end_to_end")]
+
 from fake_host import FakeHost
+from harness.authority import Authority, running_authority
+from harness.tls_files import CertificateAuthority
 from real_host import EnrolHost
-from tls_files import CertificateAuthority
 
 
 @pytest.fixture

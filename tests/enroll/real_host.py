@@ -5,8 +5,8 @@ from __future__ import annotations
 import shutil
 from pathlib import Path
 
-from authority import Authority
-from sandbox import Host, Result
+from harness.authority import Authority
+from harness.sandbox import Host, Result
 
 _SOURCE = Path(__file__).resolve().parents[2] / "enroll" / "tzregister_enroll.py"
 _TIME_LIMIT_SECONDS = 400.0

@@ -6,7 +6,7 @@ import random
 
 import pytest
 
-from config_model import Config
+from harness.config_model import Config
 import tzregister_enroll as enroll
 
 READ = {

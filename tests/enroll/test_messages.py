@@ -9,11 +9,11 @@ from typing import Optional
 
 import pytest
 
-from answers import error_answer
+from harness.answers import error_answer
 import tzregister_enroll as enroll
-from raw_server import RawServer, Reply, http_answer, refusing_port
+from harness.raw_server import RawServer, Reply, http_answer, refusing_port
 from real_host import EnrolHost
-from tls_files import CertificateAuthority
+from harness.tls_files import CertificateAuthority
 
 PASSING, REFUSED = 75, 76
 

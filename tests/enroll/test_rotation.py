@@ -11,12 +11,12 @@ from pathlib import Path
 
 import pytest
 
-from authority import Authority, tls_front
-from passwords import decrypt
+from harness.authority import Authority, tls_front
+from harness.passwords import decrypt
 from real_host import EnrolHost
-from sandbox import Result
-from templates import stored_option
-from tls_files import CertificateAuthority, ServerFiles
+from harness.sandbox import Result
+from harness.templates import stored_option
+from harness.tls_files import CertificateAuthority, ServerFiles
 
 DONE, PASSING, REFUSED, CLONE, NOT_READY = 0, 75, 76, 77, 78
 

@@ -8,8 +8,10 @@ nor changed. The network is the real one: servers on loopback are reachable.
 
 from __future__ import annotations
 
+import functools
 import os
 import subprocess
+import sys
 from dataclasses import dataclass
 from pathlib import Path
 from typing import IO, Mapping, Optional, Sequence
@@ -24,6 +26,23 @@ _SHARED_ETC = ("passwd", "group", "ca-certificates", "localtime", "ld.so.cache",
 # Where instrumented builds write and how they behave is decided outside.
 _PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "LLVM_PROFILE_FILE", "GCOV_PREFIX", "GCOV_PREFIX_STRIP")
 
+_NAMESPACES = ("--unshare-pid", "--unshare-ipc", "--unshare-uts", "--cap-drop", "ALL")
+
+# How bwrap is started: as it is; with the rights of a user namespace, which it does
+# not ask for by itself as root; in a plain chroot, below a root that is a mount point.
+_LAUNCHERS: Sequence[Sequence[str]] = (
+    ("bwrap",),
+    ("bwrap", "--unshare-user"),
+    (sys.executable, str(Path(__file__).with_name("own_root.py")), "bwrap"),
+)
+
+_NOT_ALLOWED = (
+    "bwrap cannot make the machines that the cases run on: {complaint}\n"
+    "Allow user namespaces (sysctl user.max_user_namespaces, kernel.unprivileged_userns_clone), or run as root where "
+    "root may mount (docker run --cap-add SYS_ADMIN --security-opt seccomp=unconfined "
+    "--security-opt apparmor=unconfined)."
+)
+
 _HOSTS = "127.0.0.1 localhost\n"
 _NAME_SERVICE = "passwd: files\ngroup: files\nhosts: files\n"
 
@@ -35,6 +54,24 @@ class Result:
     status: int
     stdout: bytes
     stderr: bytes
+
+
+class SandboxUnavailable(Exception):
+    """No machine can be made up here; the text says why and what to allow."""
+
+
+@functools.lru_cache(maxsize=None)
+def launcher() -> Sequence[str]:
+    """How bwrap is started on this machine, tried once."""
+    complaints: list[str] = []
+    for tried in _LAUNCHERS:
+        machine = ("--ro-bind", "/", "/", "--proc", "/proc", "--dev", "/dev", "--hostname", "probe")
+        probe = [*tried, *_NAMESPACES, *machine, "--", "true"]
+        done = subprocess.run(probe, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+        if done.returncode == 0:
+            return tried
+        complaints.append(done.stderr.strip())
+    raise SandboxUnavailable(_NOT_ALLOWED.format(complaint=complaints[0]))
 
 
 def binary() -> Path:
@@ -158,8 +195,8 @@ class Host:
 
         No capability is kept, so permissions hold for root as for anyone else.
         """
-        options = ["bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--unshare-uts"]
-        options += ["--cap-drop", "ALL", "--hostname", self._name or "agent-host"]
+        options = [*launcher(), "--die-with-parent", *_NAMESPACES]
+        options += ["--hostname", self._name or "agent-host"]
         options += [*_system_directories(), "--proc", "/proc", "--dev", "/dev", "--dir", "/tmp"]
         options += self._etc()
         options += ["--ro-bind", str(binary()), self.program]

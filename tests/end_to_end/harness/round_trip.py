@@ -5,10 +5,10 @@ from __future__ import annotations
 from pathlib import Path
 from typing import Optional
 
-from answers import agent_answer, config_answer
-from passwords import KEY_FILE, MASK
-from raw_server import RawServer, http_answer
-from sandbox import Host
+from harness.answers import agent_answer, config_answer
+from harness.passwords import KEY_FILE, MASK
+from harness.raw_server import RawServer, http_answer
+from harness.sandbox import Host
 
 _KEY = b"the host's key file"
 _TEMPLATE = """\

@@ -11,11 +11,11 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Iterator, Mapping, Optional, Sequence
 
-from raw_server import multipart
+from harness.raw_server import multipart
 
 LOGIN = "admin"
 
-_PROGRAMS = Path(__file__).resolve().parents[2] / "authority"
+_PROGRAMS = Path(__file__).resolve().parents[3] / "authority"
 _START_LIMIT_SECONDS = 30.0
 _STOP_LIMIT_SECONDS = 15.0
 _BOUNDARY = "--------boundary-of-the-test"
@@ -56,7 +56,8 @@ class Authority:
         headers = {"Content-Type": f"multipart/form-data; boundary={_BOUNDARY}"}
         request = urllib.request.Request(f"{self.url}/{page}", body, headers)
         with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request) as answer:
-            return answer.read().decode()
+            text: bytes = answer.read()
+        return text.decode()
 
     def first_record(self, page: str, fields: Mapping[str, str]) -> dict[str, str]:
         """The first record of the answer to such a form."""

@@ -14,7 +14,7 @@ import threading
 from dataclasses import dataclass, field
 from typing import Callable, Iterator, Optional, Sequence, Union
 
-from answers import Text, as_bytes
+from harness.answers import Text, as_bytes
 
 _CONNECTION_LIMIT_SECONDS = 150.0
 _ACCEPT_POLL_SECONDS = 0.1

@@ -1,0 +1,1 @@
+"""What the end-to-end cases stand on: made-up machines, servers, independent models."""
