@@ -581,7 +581,7 @@ def check_key(look: Look) -> None:
 def check_password(look: Look) -> None:
     """The password file holds a password, and nobody else reads it."""
     file = Path(look.options.passwdfile)
-    require(file.exists(), f"{file} is missing")
+    require(file.exists(), f"{file} is missing; it holds the administrator's password")
     check_mode(file, stat.S_IRWXG | stat.S_IRWXO, regular=True)
     found = re.search(rb"passwd=([^\n]*)", file.read_bytes())
     require(found is not None and found[1] != b"", f"{file} has no line passwd=PASSWORD")
