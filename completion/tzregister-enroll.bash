@@ -1,4 +1,5 @@
 # bash completion for tzregister-enroll(8)                  -*- shell-script -*-
+# shellcheck shell=bash
 
 # The options that are not on the line yet.
 _tzregister_enroll_options() {

@@ -1,4 +1,5 @@
 # bash completion for tzregister(8)                         -*- shell-script -*-
+# shellcheck shell=bash
 
 # The value that an option has on the line so far; empty when it was not given.
 _tzregister_given() {

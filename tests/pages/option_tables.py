@@ -11,7 +11,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[2]
 BINARY = Path(os.environ["TZREGISTER_BINARY"])
 MANUALS = BINARY.parent / "man"
-PAGES = ("tzregister.8", "tzregister-enroll.8", "qxregistry.cfg.5", "quorvex.cfg.5")
+PAGES = ("tzregister.8", "tzregister-enroll.8", "tzregister-authority.8", "qxregistry.cfg.5", "quorvex.cfg.5")
 PROGRAMS = ("tzregister", "tzregister-enroll")
 
 # Option => whether it takes a value; a short name beside its long one.
