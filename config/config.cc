@@ -2,37 +2,25 @@
 
 #include <strings.h>
 
-#include "support/secret.h"
+#include <utility>
 
 namespace corvel::storage::tzconfig {
-namespace {
-
-/// Sets `*target` to `value` without leaving the old text behind in memory that
-/// the new one outgrows.
-void ReplaceText(const std::string& value, std::string* target) {
-  std::string text(value);
-  text.swap(*target);
-  support::WipeText(&text);
-}
-
-}  // namespace
-
 bool StringCaseCmp::operator()(const std::string& a, const std::string& b) const {
   return strcasecmp(a.c_str(), b.c_str()) < 0;
 }
 
-OptionValue::~OptionValue() { support::WipeText(&value); }
-
 SectionOptionMap* TZConfig::GetOptionMap(const std::string& section) {
+  if (last_ != sections_.end() && last_->first == section) return last_->second.get();
   const auto place = sections_.lower_bound(section);
   if (place != sections_.end() && !sections_.key_comp()(section, place->first)) {
+    last_ = place;
     return place->second.get();
   }
   // The order grows first: when the map then cannot, the name is taken back.
   sectionOrder_.push_back(section);
   try {
-    return sections_.emplace_hint(place, section, std::make_unique<SectionOptionMap>())
-        ->second.get();
+    last_ = sections_.emplace_hint(place, section, std::make_unique<SectionOptionMap>());
+    return last_->second.get();
   } catch (...) {
     sectionOrder_.pop_back();
     throw;
@@ -51,20 +39,20 @@ OptionValue* TZConfig::OptionEntry(const std::string& section, const std::string
 }
 
 std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::string& option,
-                                      const std::string& value) {
+                                      std::string value) {
   std::int32_t result = kSuccess;
   OptionValue* const entry = OptionEntry(section, option, &result);
-  if (entry != nullptr) ReplaceText(value, &entry->value);
+  if (entry != nullptr) entry->value = std::move(value);
   return result;
 }
 
 std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::string& option,
-                                      const std::string& value, const std::string& comment) {
+                                      std::string value, std::string comment) {
   std::int32_t result = kSuccess;
   OptionValue* const entry = OptionEntry(section, option, &result);
   if (entry == nullptr) return result;
-  ReplaceText(value, &entry->value);
-  entry->comment = comment;
+  entry->value = std::move(value);
+  entry->comment = std::move(comment);
   return kSuccess;
 }
 
@@ -84,6 +72,7 @@ std::int32_t TZConfig::GetOptionValue(const std::string& section, const std::str
 
 void TZConfig::Reset() {
   sections_.clear();
+  last_ = sections_.end();
   sectionOrder_.clear();
 }
 

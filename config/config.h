@@ -23,15 +23,10 @@ struct StringCaseCmp {
 };
 
 /// One option's value, and the comment block that stands above it (empty when
-/// there is none). The value may be an account's password: it is wiped.
+/// there is none).
 struct OptionValue {
   std::string value;
   std::string comment;
-
-  OptionValue() = default;
-  OptionValue(const OptionValue&) = default;
-  OptionValue& operator=(const OptionValue&) = default;
-  ~OptionValue();
 };
 
 /// One section: the comment block above its header and its options, which are
@@ -59,11 +54,11 @@ class TZConfig {
   /// when missing. kSuccess, kBadArgument for an empty name (nothing is created
   /// then) or kSectionUnavailable.
   std::int32_t SetOptionValue(const std::string& section, const std::string& option,
-                              const std::string& value);
+                              std::string value);
 
   /// As above, but sets the comment as well.
   std::int32_t SetOptionValue(const std::string& section, const std::string& option,
-                              const std::string& value, const std::string& comment);
+                              std::string value, std::string comment);
 
   /// Copies an option's value and comment out. kSuccess, kBadArgument for an
   /// empty name or a null output, kSectionUnavailable or kOptionMissing; the
@@ -83,7 +78,11 @@ class TZConfig {
   OptionValue* OptionEntry(const std::string& section, const std::string& option,
                            std::int32_t* result);
 
-  std::map<std::string, std::unique_ptr<SectionOptionMap>, StringCaseCmp> sections_;
+  using Sections = std::map<std::string, std::unique_ptr<SectionOptionMap>, StringCaseCmp>;
+
+  Sections sections_;
+  /// The section of the last call: the next one mostly asks for the same.
+  Sections::iterator last_ = sections_.end();
   std::vector<std::string> sectionOrder_;
 };
 

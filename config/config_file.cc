@@ -1,36 +1,38 @@
 #include "config/config_file.h"
 
+#include <algorithm>
 #include <fstream>
-#include <iostream>
+#include <string_view>
 #include <utility>
 
-#include "support/secret.h"
+#include "support/diagnostic.h"
 
 namespace corvel::storage::tzconfig {
 namespace {
 
-constexpr char kLeadingBlanks[] = " \t\r";
-constexpr char kLineBlanks[] = " \n\r\t";
-constexpr char kTrimmedBlanks[] = " \t";
+constexpr std::string_view kLeadingBlanks = " \t\r";
+constexpr std::string_view kLineBlanks = " \n\r\t";
+constexpr std::string_view kTrimmedBlanks = " \t";
 
-bool Holds(const char* set, char character) {
-  return std::string(set).find(character) != std::string::npos;
+bool Holds(std::string_view set, char character) {
+  return set.find(character) != std::string_view::npos;
 }
 
 bool MarksComment(char first) { return first == '#' || first == ';'; }
 
-/// Cuts blanks off the line's start; a line made of blanks becomes empty. A
-/// line that begins with anything else is kept as it is.
-void CutLeadingBlanks(std::string* line) {
-  if (line->empty() || !Holds(kLeadingBlanks, line->front())) return;
-  line->erase(0, line->find_first_not_of(kLineBlanks));
+/// `line` without blanks at its start; a line made of blanks becomes empty. A
+/// line that begins with anything else is returned as it is.
+std::string_view WithoutLeadingBlanks(std::string_view line) {
+  if (line.empty() || !Holds(kLeadingBlanks, line.front())) return line;
+  line.remove_prefix(std::min(line.find_first_not_of(kLineBlanks), line.size()));
+  return line;
 }
 
 /// `text` without spaces and tabs at its ends; a text made of nothing else is
 /// returned unchanged.
-std::string Trimmed(const std::string& text) {
+std::string_view Trimmed(std::string_view text) {
   const std::size_t first = text.find_first_not_of(kTrimmedBlanks);
-  if (first == std::string::npos) return text;
+  if (first == std::string_view::npos) return text;
   return text.substr(first, text.find_last_not_of(kTrimmedBlanks) - first + 1);
 }
 
@@ -39,23 +41,22 @@ class LineReader {
  public:
   explicit LineReader(TZConfig* config) : config_(config) {}
 
-  std::int32_t Take(std::string* line) {
-    CutLeadingBlanks(line);
-    if (line->empty()) return kSuccess;
-    if (MarksComment(line->front())) {
-      pendingComment_.append("\n").append(*line);
+  std::int32_t Take(std::string_view wholeLine) {
+    const std::string_view line = WithoutLeadingBlanks(wholeLine);
+    if (line.empty()) return kSuccess;
+    if (MarksComment(line.front())) {
+      pendingComment_.append("\n").append(line);
       return kSuccess;
     }
-    return line->front() == '[' ? TakeHeader(*line) : TakeOption(*line);
+    return line.front() == '[' ? TakeHeader(line) : TakeOption(line);
   }
 
  private:
-  std::int32_t TakeHeader(const std::string& line) {
+  std::int32_t TakeHeader(std::string_view line) {
     const std::size_t end = line.find(']');
-    if (end == std::string::npos || end == 1) return kInvalidLine;
-    if (line.find_first_not_of(kLineBlanks, end + 1) != std::string::npos) {
-      std::cerr << "Found invalid line: " << line << std::endl;
-      return kInvalidLine;
+    if (end == std::string_view::npos || end == 1) return kInvalidLine;
+    if (line.find_first_not_of(kLineBlanks, end + 1) != std::string_view::npos) {
+      return Invalid("Found invalid line: ", line);
     }
     section_ = line.substr(1, end - 1);
     SectionOptionMap* const map = config_->GetOptionMap(section_);
@@ -64,27 +65,22 @@ class LineReader {
     return kSuccess;
   }
 
-  std::int32_t TakeOption(const std::string& line) {
-    if (section_.empty()) {
-      std::cerr << "Found an invalid line: " << line << std::endl;
-      return kInvalidLine;
-    }
+  std::int32_t TakeOption(std::string_view line) {
+    if (section_.empty()) return Invalid("Found an invalid line: ", line);
     const std::size_t equals = line.find('=');
-    if (equals == std::string::npos) return kInvalidLine;
-    if (equals == 0) {
-      std::cerr << "Found an invalid key: " << line << std::endl;
-      return kInvalidLine;
-    }
-    std::string value = line.substr(equals + 1);
-    const support::ScopedWipe wipeValue(&value);
-    return StoreOption(Trimmed(line.substr(0, equals)), Trimmed(value));
+    if (equals == std::string_view::npos) return kInvalidLine;
+    if (equals == 0) return Invalid("Found an invalid key: ", line);
+    const std::string key(Trimmed(line.substr(0, equals)));
+    std::string value(Trimmed(line.substr(equals + 1)));
+    if (pendingComment_.empty()) return config_->SetOptionValue(section_, key, std::move(value));
+    return config_->SetOptionValue(section_, key, std::move(value),
+                                   std::exchange(pendingComment_, {}));
   }
 
-  std::int32_t StoreOption(const std::string& key, std::string value) {
-    const support::ScopedWipe wipeValue(&value);
-    if (pendingComment_.empty()) return config_->SetOptionValue(section_, key, value);
-    const std::string comment = std::exchange(pendingComment_, {});
-    return config_->SetOptionValue(section_, key, value, comment);
+  /// Shows the line and returns the code for it.
+  static std::int32_t Invalid(const char* reason, std::string_view line) {
+    support::PrintDiagnostic(std::string(reason).append(line));
+    return kInvalidLine;
   }
 
   TZConfig* config_;
@@ -103,10 +99,10 @@ void DumpComment(const std::string& comment, std::ostream* stream) {
 /// Writes the options of `map`, which is the section called `section`.
 void DumpOptions(const std::string& section, const SectionOptionMap& map, TZConfig* config,
                  std::ostream* stream) {
+  OptionValue option;
   for (const auto& entry : map.options) {
-    OptionValue option;
     if (config->GetOptionValue(section, entry.first, &option.value, &option.comment) != kSuccess) {
-      std::cerr << "Failed to get value for option: " << entry.first << std::endl;
+      support::PrintDiagnostic("Failed to get value for option: " + entry.first);
       return;
     }
     DumpComment(option.comment, stream);
@@ -117,7 +113,7 @@ void DumpOptions(const std::string& section, const SectionOptionMap& map, TZConf
 std::int32_t DumpSection(const std::string& section, TZConfig* config, std::ostream* stream) {
   SectionOptionMap* const map = section.empty() ? nullptr : config->GetOptionMap(section);
   if (map == nullptr) {
-    std::cerr << "Failed to get option list for section: " << std::endl;
+    support::PrintDiagnostic("Failed to get option list for section: ");
     return section.empty() ? kBadArgument : kSectionUnavailable;
   }
   DumpComment(map->comment, stream);
@@ -134,23 +130,26 @@ TZConfigFile::TZConfigFile(std::string inputName, std::string outputName)
 std::int32_t TZConfigFile::LoadConfig(TZConfig* config) const {
   if (inputName_.empty()) return kBadArgument;
   std::ifstream stream(inputName_);
-  return LoadConfig(&stream, config);
+  // A shortage of memory would pass for a file that cannot be read.
+  stream.exceptions(std::ios::badbit);
+  try {
+    return LoadConfig(&stream, config);
+  } catch (const std::ios_base::failure&) {
+    return kStreamFailure;
+  }
 }
 
 std::int32_t TZConfigFile::LoadConfig(std::istream* stream, TZConfig* config) const {
   if (stream == nullptr || config == nullptr) return kBadArgument;
   config->Reset();
   if (!stream->good()) {
-    std::cerr << "Failed to open input file:" << inputName_ << std::endl;
+    support::PrintDiagnostic("Failed to open input file:" + inputName_);
     return kStreamFailure;
   }
   LineReader reader(config);
   std::string line;
-  const support::ScopedWipe wipeLine(&line);
   while (std::getline(*stream, line)) {
-    const std::int32_t result = reader.Take(&line);
-    // A longer line would leave this one behind in the memory it outgrows.
-    support::WipeText(&line);
+    const std::int32_t result = reader.Take(line);
     if (result != kSuccess) return result;
   }
   return stream->eof() ? kSuccess : kStreamFailure;
@@ -159,7 +158,7 @@ std::int32_t TZConfigFile::LoadConfig(std::istream* stream, TZConfig* config) co
 std::int32_t TZConfigFile::DumpConfig(std::ostream* stream, TZConfig* config) const {
   if (stream == nullptr || config == nullptr) return kBadArgument;
   if (!stream->good()) {
-    std::cerr << "Failed to open file: " << outputName_ << std::endl;
+    support::PrintDiagnostic("Failed to open file: " + outputName_);
     return kStreamFailure;
   }
   const std::vector<std::string> order = config->SectionOrder();

@@ -7,6 +7,7 @@
 #include "config/config.h"
 #include "config/config_file.h"
 #include "frontend/register_exception.h"
+#include "support/diagnostic.h"
 #include "support/file_system.h"
 
 namespace corvel::storage::tzregister {
@@ -19,18 +20,24 @@ constexpr char kExecutableLink[] = "/proc/self/exe";
 constexpr char kExecutableDirectory[] = "/bin";
 constexpr std::size_t kLinkBufferBytes = 4096;
 
+constexpr Failure kNotOpened{ERR_REGISTRY, SEVERITY_ERROR, "TZRegister",
+                             "Could not open TZRegister"};
+
+class SystemRegistryHost final : public RegistryHost {
+ public:
+  std::string RegistryFile() const override { return Registry::RegistryPath; }
+
+  bool Exists(const std::string& path) const override { return support::PathExists(path); }
+
+  ssize_t ReadExecutableLink(char* buffer, std::size_t size) const override {
+    return readlink(kExecutableLink, buffer, size);
+  }
+};
+
 }  // namespace
 
-std::string RegistryHost::RegistryFile() const { return Registry::RegistryPath; }
-
-bool RegistryHost::Exists(const std::string& path) const { return support::PathExists(path); }
-
-ssize_t RegistryHost::ReadExecutableLink(char* buffer, std::size_t size) const {
-  return readlink(kExecutableLink, buffer, size);
-}
-
 const RegistryHost& RegistryHost::System() {
-  static const RegistryHost host;
+  static const SystemRegistryHost host;
   return host;
 }
 
@@ -48,7 +55,7 @@ int Registry::Open(const char* section, const char* /*ignored*/) {
 }
 
 void Registry::UseDefaults() {
-  std::cerr << host_.RegistryFile() << " doesn't exist, use the default values" << std::endl;
+  support::PrintDiagnostic(host_.RegistryFile() + " doesn't exist, use the default values");
   configFilePath_ = kDefaultConfigFile;
   installPath_ = kDefaultInstallPath;
   if (!host_.Exists(installPath_)) UseExecutablePath();
@@ -58,7 +65,7 @@ void Registry::UseExecutablePath() {
   char buffer[kLinkBufferBytes];
   const ssize_t length = host_.ReadExecutableLink(buffer, sizeof(buffer));
   if (length < 0 || static_cast<std::size_t>(length) >= sizeof(buffer)) {
-    std::cerr << "Failed to get current exe path, readlink failed" << std::endl;
+    support::PrintDiagnostic("Failed to get current exe path, readlink failed");
     return;
   }
   const std::string executable(buffer, static_cast<std::size_t>(length));
@@ -71,8 +78,7 @@ void GetPathsFromRegistry(const std::string& section, std::string* path, std::st
                           const RegistryHost& host) {
   Registry registry(host);
   if (registry.Open(section.empty() ? kDefaultSection : section.c_str(), "") != 0) {
-    throw RegisterException(ERR_REGISTRY, SEVERITY_ERROR, "TZRegister",
-                            "Could not open TZRegister");
+    kNotOpened.Throw();
   }
   if (path != nullptr) *path = registry.installPath();
   if (configFile != nullptr) *configFile = registry.configFilePath();

@@ -8,20 +8,20 @@
 
 namespace corvel::storage::tzregister {
 
-/// What the registry look-up asks of the host it runs on; a seam for tests.
+/// What the registry look-up asks of the host it runs on.
 class RegistryHost {
  public:
   virtual ~RegistryHost() = default;
 
   /// The registry file to read.
-  virtual std::string RegistryFile() const;
+  virtual std::string RegistryFile() const = 0;
 
   /// True when something exists at `path`; access rights are not tested.
-  virtual bool Exists(const std::string& path) const;
+  virtual bool Exists(const std::string& path) const = 0;
 
   /// Reads the path of the running executable into `buffer` (`size` bytes, no
   /// terminator is added), as readlink does: the number of bytes, or -1.
-  virtual ssize_t ReadExecutableLink(char* buffer, std::size_t size) const;
+  virtual ssize_t ReadExecutableLink(char* buffer, std::size_t size) const = 0;
 
   /// The host itself. It has no state and lives as long as the process.
   static const RegistryHost& System();

@@ -1,24 +1,25 @@
 #include "frontend/actions.h"
 
 #include <cstdint>
+#include <stdexcept>
 
-#include "frontend/refusal.h"
 #include "frontend/register_exception.h"
 #include "registration/config_retrieval.h"
+#include "support/diagnostic.h"
 #include "support/secret.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-bool WritesFiles(const ParsedOptions& options) {
+bool WritesFiles(const support::ParsedOptions& options) {
   return options.Has("todisk") || options.Has("file");
 }
 
-std::int64_t AgentId(const ParsedOptions& options) {
+std::int64_t AgentId(const support::ParsedOptions& options) {
   return options.Has("agentid") ? static_cast<std::int64_t>(options.Number("agentid")) : 0;
 }
 
-std::string DecimalOption(const ParsedOptions& options, const char* name) {
+std::string DecimalOption(const support::ParsedOptions& options, const char* name) {
   return to_string<std::int64_t>(static_cast<std::int64_t>(options.Number(name)), std::dec);
 }
 
@@ -42,17 +43,16 @@ int Discover(const ActionContext& context) {
 int Register(const ActionContext& context) {
   std::int64_t agentId = AgentId(context.options);
   std::string login;
-  std::string password;
-  const support::ScopedWipe wipePassword(&password);
+  support::Secret password;
   context.registrator->RegisterComponent(context.type, &agentId, context.options.Text("hostname"),
-                                         &login, &password);
-  GetConfigFile(context.options.map(), *context.registrator, agentId, login, password,
+                                         &login, password.Receive());
+  GetConfigFile(context.options, *context.registrator, agentId, login, password.text(),
                 context.registry);
   return 0;
 }
 
 int ConfigFile(const ActionContext& context) {
-  GetConfigFile(context.options.map(), *context.registrator, AgentId(context.options), "", "",
+  GetConfigFile(context.options, *context.registrator, AgentId(context.options), "", "",
                 context.registry);
   return 0;
 }
@@ -71,7 +71,8 @@ int Certificate(const ActionContext& context) {
 
 int CreateDataSelection(const ActionContext& context) {
   if (!context.options.Has("dsname") || !context.options.Has("dstypeid")) {
-    return Refuse("--dsname and --dstypeid are reqruied");
+    support::PrintDiagnostic("--dsname and --dstypeid are reqruied");
+    return -1;
   }
   ChooseConfigFile(context, context.options.TextOr("productname", ""));
   context.registrator->CreateDataSelection(context.options.Text("dsname"),
@@ -81,7 +82,10 @@ int CreateDataSelection(const ActionContext& context) {
 }
 
 int RoutingTables(const ActionContext& context) {
-  if (!context.options.Has("storagepoolid")) return Refuse("--storagepoolid is missing");
+  if (!context.options.Has("storagepoolid")) {
+    support::PrintDiagnostic("--storagepoolid is missing");
+    return -1;
+  }
   ChooseConfigFile(context, context.options.TextOr("productname", ""));
   std::string recommendedFile;
   std::string currentFile;
@@ -106,15 +110,22 @@ constexpr ActionRow kActions[] = {
     {"configfile", ConfigFile},
     {"certificate", Certificate},
     {"createds", CreateDataSelection},
+    {"routingtables", RoutingTables},
 };
 
 }  // namespace
+
+std::vector<std::string> ActionNames() {
+  std::vector<std::string> names;
+  for (const ActionRow& row : kActions) names.push_back(row.name);
+  return names;
+}
 
 int PerformAction(const std::string& action, const ActionContext& context) {
   for (const ActionRow& row : kActions) {
     if (action == row.name) return row.perform(context);
   }
-  return RoutingTables(context);
+  throw std::logic_error("no such action: " + action);
 }
 
 }  // namespace corvel::storage::tzregister

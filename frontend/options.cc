@@ -2,14 +2,31 @@
 
 #include <boost/program_options/parsers.hpp>
 #include <boost/program_options/value_semantic.hpp>
+#include <memory>
 #include <string>
+#include <vector>
+
+#include "support/parsed_options.h"
+
+namespace corvel::storage::support {
+
+/// Found by the option library for values of this kind: takes what it would
+/// take for a text.
+static void validate(boost::any& value, const std::vector<std::string>& tokens,
+                     SharedSecret* /*kind*/, int /*rank*/) {
+  namespace validators = boost::program_options::validators;
+  validators::check_first_occurrence(value);
+  value = SharedSecret(std::make_shared<const Secret>(validators::get_single_string(tokens)));
+}
+
+}  // namespace corvel::storage::support
 
 namespace corvel::storage::tzregister {
 namespace {
 
 namespace po = boost::program_options;
 
-enum class ValueKind { kNone, kText, kNumber };
+enum class ValueKind { kNone, kText, kSecret, kNumber };
 
 struct OptionRow {
   const char* names;  ///< long name, or long and short name with a comma between
@@ -25,7 +42,7 @@ constexpr OptionRow kOptions[] = {
     {"action", ValueKind::kText,
      "Action [registry,discover,register,configfile,routingtables,certificate,createDS]"},
     {"login", ValueKind::kText, "User account login"},
-    {"passwd", ValueKind::kText, "User account password"},
+    {"passwd", ValueKind::kSecret, "User account password"},
     {"passwdfile", ValueKind::kText,
      "Path to user account password ensure it is only root readable"},
     {"url", ValueKind::kText, "URL where the StoragePool Authority webservices can be found."},
@@ -60,6 +77,9 @@ void Declare(const OptionRow& row, po::options_description* description) {
       return;
     case ValueKind::kText:
       description->add_options()(row.names, po::value<std::string>(), row.help);
+      return;
+    case ValueKind::kSecret:
+      description->add_options()(row.names, po::value<support::SharedSecret>(), row.help);
       return;
     case ValueKind::kNumber:
       description->add_options()(row.names, po::value<unsigned long>(), row.help);

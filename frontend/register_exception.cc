@@ -3,6 +3,9 @@
 namespace corvel::storage::tzregister {
 namespace {
 
+constexpr Failure kNotConvertedFromText{ERR_CONVERSION, SEVERITY_CONVERSION, "Namespace:Engine",
+                                        "Conversion from string failed for string "};
+
 std::string TextOrEmpty(const char* text) { return text == nullptr ? "" : text; }
 
 }  // namespace
@@ -23,13 +26,16 @@ RegisterException::~RegisterException() = default;
 
 const char* RegisterException::what() const noexcept { return description_.c_str(); }
 
+void Failure::Throw(const std::string& value) const {
+  throw RegisterException(number, severity, source, text + value + end);
+}
+
 std::int64_t NumberFromText(const std::string& text) {
   std::istringstream stream(text);
   std::int64_t number = 0;
   stream >> std::dec >> number;
   if (stream.fail() || stream.peek() != std::istringstream::traits_type::eof()) {
-    throw RegisterException(ERR_CONVERSION, SEVERITY_CONVERSION, "Namespace:Engine",
-                            "Conversion from string failed for string " + text);
+    kNotConvertedFromText.Throw(text);
   }
   return number;
 }

@@ -60,16 +60,34 @@ class RegisterException : public std::exception {
   std::time_t date_;
 };
 
+/// One way in which a unit fails, as data: a row of that unit's table of
+/// failures. The description is `text`, the value that the failure is about,
+/// and `end`.
+struct Failure {
+  errornumber_t number;
+  eventseveritylevel_t severity;
+  const char* source;  ///< the unit that raises it
+  const char* text;
+  const char* end = "";
+
+  /// Throws the RegisterException of this failure about `value`, which is empty
+  /// where the description names none.
+  [[noreturn]] void Throw(const std::string& value = "") const;
+};
+
+/// Raised by to_string; see there.
+inline constexpr Failure kNotConvertedToText{
+    ERR_CONVERSION, SEVERITY_CONVERSION, "Namespace:Engine", "Conversion to string failed for "};
+
 /// `value` as text, written with `manipulator` (std::dec for decimal numbers).
 /// Throws RegisterException (ERR_CONVERSION, severity 6) when it cannot be.
 template <typename T>
 std::string to_string(const T& value, std::ios_base& (*manipulator)(std::ios_base&)) {
   std::ostringstream text;
   if ((text << manipulator << value).fail()) {
-    std::ostringstream description;
-    description << "Conversion to string failed for " << value;
-    throw RegisterException(ERR_CONVERSION, SEVERITY_CONVERSION, "Namespace:Engine",
-                            description.str());
+    std::ostringstream plain;
+    plain << value;
+    kNotConvertedToText.Throw(plain.str());
   }
   return text.str();
 }

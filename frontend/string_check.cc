@@ -14,9 +14,12 @@ constexpr const char* kValidTypes[] = {
     "Controller", "qxwfe",         "storagepool",
 };
 
-[[noreturn]] void Refuse(const std::string& description) {
-  throw RegisterException(ERR_INVALID_ARGUMENT, SEVERITY_ERROR, "StringCheck", description);
-}
+constexpr Failure kNoSuchType{ERR_INVALID_ARGUMENT, SEVERITY_ERROR, "StringCheck", "Type \"",
+                              "\".\n"};
+constexpr Failure kNotANumber{ERR_INVALID_ARGUMENT, SEVERITY_ERROR, "StringCheck",
+                              "String is not a number: "};
+constexpr Failure kEmptyParameter{ERR_INVALID_ARGUMENT, SEVERITY_ERROR, "StringCheck", "Parameter ",
+                                  " is empty. Please provide valid input"};
 
 }  // namespace
 
@@ -24,19 +27,19 @@ void RegisterStringCheck::ValidateType(const std::string& type) {
   if (std::find(std::begin(kValidTypes), std::end(kValidTypes), type) != std::end(kValidTypes)) {
     return;
   }
-  std::string description = "Type \"" + type + "\" is not a valid type. Must be one of \"";
-  for (const char* valid : kValidTypes) description.append(valid).append(" ");
-  Refuse(description + "\".\n");
+  std::string refusal = type + "\" is not a valid type. Must be one of \"";
+  for (const char* valid : kValidTypes) refusal.append(valid).append(" ");
+  kNoSuchType.Throw(refusal);
 }
 
 void RegisterStringCheck::ValidateNumeric(const std::string& text) {
   if (text.find_first_not_of("0123456789") == std::string::npos) return;
-  Refuse("String is not a number: " + text);
+  kNotANumber.Throw(text);
 }
 
 void RegisterStringCheck::ValidateNotEmpty(const std::string& name, const std::string& value) {
   if (!value.empty()) return;
-  Refuse("Parameter " + name + " is empty. Please provide valid input");
+  kEmptyParameter.Throw(name);
 }
 
 }  // namespace corvel::storage::tzregister

@@ -2,16 +2,17 @@
 
 #include <exception>
 #include <iostream>
-#include <sstream>
+#include <memory>
 #include <string>
 
 #include "frontend/actions.h"
+#include "frontend/argument_guard.h"
 #include "frontend/options.h"
-#include "frontend/parsed_options.h"
-#include "frontend/refusal.h"
 #include "frontend/string_check.h"
 #include "registration/registrator.h"
-#include "support/library.h"
+#include "support/diagnostic.h"
+#include "support/parsed_options.h"
+#include "support/startup.h"
 #include "webservice/ws_cata_proxy.h"
 
 namespace corvel::storage::tzregister {
@@ -25,15 +26,18 @@ constexpr char kTypelessAction[] = "discover";
 void InitLib(const char* programName) { InitSupportLibrary(programName, kLibraryVersion); }
 
 /// Builds the workers, checks action and type, and performs the action.
-int RunAction(const std::string& action, const ParsedOptions& options, const Platform& platform) {
-  WSCataProxy proxy(options.map(), platform.network);
-  Registrator registrator(options.map(), &proxy);
+int RunAction(const std::string& action, const po::variables_map& parsed,
+              const Platform& platform) {
+  WSCataProxy proxy(parsed, platform.network);
+  Registrator registrator(parsed, &proxy);
+  const support::ParsedOptions options(parsed);
   std::string type;
   if (options.Has("type")) {
     type = options.Text("type");
     RegisterStringCheck::ValidateType(type);
   } else if (action != kTypelessAction) {
-    return Refuse("--type is missing");
+    support::PrintDiagnostic("--type is missing");
+    return -1;
   }
   registrator.ValidateAction(action, type);
   return PerformAction(action, {options, type, &proxy, &registrator, *platform.registry});
@@ -41,36 +45,34 @@ int RunAction(const std::string& action, const ParsedOptions& options, const Pla
 
 /// The description stands in the report twice; scripts that read the report
 /// know it so.
-void ReportFailure(const std::string& action, const char* description) {
-  std::ostringstream report;
-  report << "Failed to perform action " << action << ". Error: " << description << description
-         << "\n";
-  std::cerr << report.str() << std::endl;
+void ReportFailure(const std::string& action, const std::string& description) {
+  support::PrintDiagnostic("Failed to perform action " + action + ". Error: " + description +
+                           description + "\n");
 }
 
 /// Runs the action and reports its outcome, good or bad.
-int RunAndReport(const ParsedOptions& options, const Platform& platform) {
-  const std::string action = options.Text("action");
+int RunAndReport(const std::string& action, const po::variables_map& parsed,
+                 const Platform& platform) {
   try {
-    if (RunAction(action, options, platform) != 0) return -1;
-    std::cerr << "Action " + action + " completed successfully.\n";
+    if (RunAction(action, parsed, platform) != 0) return -1;
+    support::PrintDiagnostic("Action " + action + " completed successfully.");
     return 0;
   } catch (const std::exception& failure) {
     ReportFailure(action, failure.what());
   } catch (...) {
-    std::cerr << "Failed to perform action " << action << ". Error unknown." << std::endl;
+    support::PrintDiagnostic("Failed to perform action " + action + ". Error unknown.");
   }
   return -1;
 }
 
-/// Parses the command line into `*options`; false after a report.
+/// Parses the command line into `*parsed`; false after a report.
 bool Parse(int argc, char** argv, const po::options_description& description,
-           po::variables_map* options) {
+           po::variables_map* parsed) {
   try {
-    ParseOptions(argc, argv, description, options);
+    ParseOptions(argc, argv, description, parsed);
     return true;
   } catch (const std::exception& failure) {
-    std::cerr << "Exception is caught " << failure.what() << std::endl;
+    support::PrintDiagnostic(std::string("Exception is caught ") + failure.what());
     return false;
   }
 }
@@ -78,19 +80,28 @@ bool Parse(int argc, char** argv, const po::options_description& description,
 }  // namespace
 
 int RealMain(int argc, char** argv, const Platform& platform) {
+  ArgumentGuard arguments(argc, argv);
   InitLib("tzregister");
   const po::options_description description = DescribeOptions();
   po::variables_map parsed;
-  if (!Parse(argc, argv, description, &parsed)) return -1;
-  const ParsedOptions options(parsed);
-  if (options.Has("help")) {
+  if (!Parse(argc, arguments.argv(), description, &parsed)) return -1;
+  arguments.RestorePassword(&parsed);
+  if (parsed.count("help") > 0) {
     std::cerr << description << std::endl;
     return 0;
   }
-  if (!options.Has("action")) return Refuse("at least and only one --action is expected ");
-  return RunAndReport(options, platform);
+  if (parsed.count("action") == 0) {
+    support::PrintDiagnostic("at least and only one --action is expected ");
+    return -1;
+  }
+  return RunAndReport(parsed["action"].as<std::string>(), parsed, platform);
 }
 
-int RealMain(int argc, char** argv) { return RealMain(argc, argv, Platform()); }
+int RealMain(int argc, char** argv) {
+  const std::unique_ptr<HttpTransport> http = HttpTransport::Curl();
+  Platform platform;
+  platform.network.http = http.get();
+  return RealMain(argc, argv, platform);
+}
 
 }  // namespace corvel::storage::tzregister

@@ -17,8 +17,9 @@ struct Platform {
 /// go to standard error. Returns 0 on success and after --help, -1 on every
 /// failure, which has been reported then. Blocks while the authority answers.
 ///
-/// `argv` holds `argc` texts, the first being the program's name; it is read
-/// only.
+/// `argv` holds `argc` writable texts, the first being the program's name. The
+/// values of --passwd are overwritten in it as the first step of all; nothing
+/// else of it is changed.
 int RealMain(int argc, char** argv, const Platform& platform);
 
 /// As above, on the host itself.

@@ -2,7 +2,9 @@
 
 #include <openssl/rsa.h>
 
+#include <algorithm>
 #include <ctime>
+#include <iterator>
 #include <vector>
 
 #include "support/environment.h"
@@ -75,12 +77,13 @@ void FillCertificate(X509* certificate, EVP_PKEY* key) {
   AddExtension(certificate, NID_netscape_ssl_server_name, SslServerName());
 }
 
-/// The library takes some texts for instructions ("critical,...", "DER:..."); a
-/// host name is never one of them.
-bool IsHostName(const std::string& text) {
-  constexpr char kHostNameCharacters[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-_*";
-  return text.find_first_not_of(kHostNameCharacters) == std::string::npos;
+/// Beginnings of an extension's value that the library takes for instructions
+/// to itself.
+constexpr const char* kInstructions[] = {"critical,", "DER:", "ASN1:"};
+
+bool IsInstruction(const std::string& value) {
+  return std::any_of(std::begin(kInstructions), std::end(kInstructions),
+                     [&](const char* instruction) { return value.rfind(instruction, 0) == 0; });
 }
 
 using Bytes = std::vector<unsigned char>;
@@ -128,7 +131,9 @@ bool Sign(X509* certificate, EVP_PKEY* key) {
 }  // namespace
 
 std::string SslServerName() {
-  return support::EnvironmentText(support::kSslServerNameVariable, TZREGISTER_SSL_SERVER_NAME);
+  const std::string name =
+      support::EnvironmentText(support::kSslServerNameVariable, TZREGISTER_SSL_SERVER_NAME);
+  return IsInstruction(name) ? TZREGISTER_SSL_SERVER_NAME : name;
 }
 
 OpenSSLCertificate::OpenSSLCertificate() = default;
@@ -137,7 +142,6 @@ OpenSSLCertificate::~OpenSSLCertificate() = default;
 
 int OpenSSLCertificate::open() {
   if (opened_) return 0;
-  if (!IsHostName(SslServerName())) return -1;
   key_ = GenerateKey();
   if (key_ == nullptr) return -1;
   certificate_.reset(X509_new());

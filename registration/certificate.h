@@ -19,8 +19,7 @@ class OpenSSLCertificate {
   OpenSSLCertificate& operator=(const OpenSSLCertificate&) = delete;
 
   /// Makes key and certificate. Returns 0, also when they are there already (it
-  /// then does nothing), and -1 when the cryptography fails or the server name
-  /// is no host name. Prints nothing.
+  /// then does nothing), and -1 when the cryptography fails. Prints nothing.
   int open();
 
   /// Borrowed; null before a successful `open`.
@@ -35,7 +34,9 @@ class OpenSSLCertificate {
 };
 
 /// The host name that certificates carry in nsSslServerName: the environment
-/// variable QUORVEX_SSL_SERVER_NAME, or the one chosen when the tool was built.
+/// variable QUORVEX_SSL_SERVER_NAME as it stands, or the one chosen when the tool
+/// was built. The latter also holds when the variable begins with what OpenSSL
+/// would take for an instruction: "critical,", "DER:" or "ASN1:".
 std::string SslServerName();
 
 }  // namespace corvel::storage::tzregister

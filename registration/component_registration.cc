@@ -1,7 +1,7 @@
 #include <unistd.h>
 
-#include "frontend/register_exception.h"
 #include "frontend/string_check.h"
+#include "registration/failures.h"
 #include "registration/registrator.h"
 
 namespace corvel::storage::tzregister {
@@ -23,11 +23,12 @@ void Registrator::RegisterComponent(const std::string& componentType, std::int64
                                     const std::string& hostname, std::string* login,
                                     std::string* password) {
   RegisterStringCheck::ValidateType(componentType);
-  const std::string agentType =
-      Has("agentType") ? to_string<std::uint64_t>(Number("agentType"), std::dec) : "";
+  std::string agentType;
+  if (options_.Has("agentType")) {
+    agentType = to_string<std::uint64_t>(options_.Number("agentType"), std::dec);
+  }
   if (componentType != "Agent" || agentType.empty()) {
-    throw RegisterException(ERR_INVALID_ARGUMENT, SEVERITY_CRITICAL, "Registrator",
-                            "Registering component type " + componentType + " is not supported.");
+    failures::kTypeNotRegistered.Throw(componentType);
   }
   RegisterStringCheck::ValidateNumeric(agentType);
   proxy_->RegisterAgent(kPlaceholderMacAddress, AgentVersion, OSVariantId, OSTypeId, OSEextensions,

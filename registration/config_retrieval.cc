@@ -1,21 +1,20 @@
 #include "registration/config_retrieval.h"
 
 #include <iostream>
-#include <sstream>
+#include <string_view>
 
-#include "frontend/register_exception.h"
 #include "frontend/string_check.h"
+#include "registration/failures.h"
 #include "support/file_system.h"
+#include "support/text_stream.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-using boost::program_options::variables_map;
-
 struct TemplateChoice {
   const char* type;
-  bool server_given;
-  Registrator::configfiletemplate_t template_id;
+  bool serverGiven;
+  Registrator::configfiletemplate_t templateId;
 };
 
 constexpr TemplateChoice kTemplates[] = {
@@ -27,71 +26,71 @@ constexpr TemplateChoice kTemplates[] = {
     {"StoragePoolAuthority", true, Registrator::TEMPLATE_STORAGE_POOL_AUTHORITY},
 };
 
-Registrator::configfiletemplate_t TemplateFor(const std::string& type, bool server_given) {
+Registrator::configfiletemplate_t TemplateFor(const std::string& type, bool serverGiven) {
   RegisterStringCheck::ValidateType(type);
   for (const TemplateChoice& choice : kTemplates) {
-    if (type == choice.type && server_given == choice.server_given) return choice.template_id;
+    if (type == choice.type && serverGiven == choice.serverGiven) return choice.templateId;
   }
-  throw RegisterException(ERR_INVALID_ARGUMENT, SEVERITY_CRITICAL, "Registrator",
-                          "Failed to define configfile template ID for component type " + type);
+  failures::kNoTemplate.Throw(type);
 }
 
-/// The text of option `name`; throws with `failure` when it was not given.
-std::string Require(const variables_map& options, const char* name, const char* failure) {
-  if (options.count(name) == 0) {
-    throw RegisterException(ERR_REGISTRY, SEVERITY_ERROR, "TZRegister", failure);
-  }
-  return options[name].as<std::string>();
+/// The text of option `name`; throws `missing` when it was not given.
+const std::string& Require(const support::ParsedOptions& options, const char* name,
+                           const Failure& missing) {
+  if (!options.Has(name)) missing.Throw();
+  return options.Text(name);
 }
 
 /// Writes the whole file. A disk that cannot take it must not pass for success:
 /// the host would run with half a configuration.
-void WriteConfigFile(const std::string& text, const std::string& path) {
-  support::FilePtr file = support::OpenForWriting(path, support::FilePrivacy::kSecret);
-  const bool written = file != nullptr && support::WriteText(text, file.get());
-  if (!written || !support::CloseFile(std::move(file))) {
-    throw RegisterException(ERR_FILE_WRITE, SEVERITY_ERROR, "Registrator",
-                            "Failed to write configuration file: " + path + "\n");
+void WriteConfigFile(std::string_view text, const std::string& path) {
+  support::OutputFile file(path, support::FilePrivacy::kSecret);
+  if (!file.isOpen() || !file.Empty() || !file.Write(text) || !file.Close()) {
+    failures::kConfigFileNotWritten.Throw(path);
   }
+}
+
+/// Prints the whole file and a line end. The account in it exists nowhere else,
+/// so standard output that cannot take it must not pass for success either.
+void PrintConfigFile(std::string_view text) {
+  std::cout << text << '\n' << std::flush;
+  if (!std::cout) failures::kConfigFileNotWritten.Throw();
 }
 
 }  // namespace
 
-void Registrator::GetConfigFile(const std::string& type, std::int64_t id, bool server_given,
-                                const std::string& storage_path,
-                                const std::string& config_file_path, const std::string& login,
-                                const std::string& password) const {
-  const configfiletemplate_t template_id = TemplateFor(type, server_given);
-  std::stringstream received;
-  proxy_->GetConfigFile(id, template_id, &received);
-  std::ostringstream rewritten;
-  ReplacePathsInConfigFile(&received, &rewritten, template_id, storage_path, login, password);
-  if (config_file_path.empty()) {
-    std::cout << rewritten.str() << std::endl;
+void Registrator::GetConfigFile(const std::string& type, std::int64_t id, bool serverGiven,
+                                const std::string& storagePath, const std::string& configFilePath,
+                                const std::string& login, const std::string& password) const {
+  const configfiletemplate_t templateId = TemplateFor(type, serverGiven);
+  support::TextWriter received;
+  proxy_->GetConfigFile(id, templateId, &received);
+  support::TextReader in(received.text());
+  support::TextWriter rewritten;
+  ReplacePathsInConfigFile(&in, &rewritten, templateId, storagePath, login, password);
+  if (configFilePath.empty()) {
+    PrintConfigFile(rewritten.text());
   } else {
-    WriteConfigFile(rewritten.str(), config_file_path);
+    WriteConfigFile(rewritten.text(), configFilePath);
   }
-  std::cout << "##Configfile written to " << config_file_path << std::endl;
+  std::cout << "##Configfile written to " << configFilePath << std::endl;
 }
 
-void GetConfigFile(const variables_map& options, const Registrator& registrator, std::int64_t id,
-                   const std::string& login, const std::string& password,
+void GetConfigFile(const support::ParsedOptions& options, const Registrator& registrator,
+                   std::int64_t id, const std::string& login, const std::string& password,
                    const RegistryHost& host) {
-  const bool server_given = options.count("server") > 0;
-  std::string section;
-  if (options.count("productname") > 0) section = options["productname"].as<std::string>();
-  std::string storage_path;
-  std::string config_file_path;
-  GetPathsFromRegistry(section, &storage_path, &config_file_path, host);
-  Require(options, "url", "url must exist in parameter");
-  const std::string type = Require(options, "type", "Could not find type in parameter");
-  if (type == "ContentRouter" || (type == "Agent" && server_given)) {
-    storage_path = Require(options, "storage", "Could not find storage in parameter");
+  const bool serverGiven = options.Has("server");
+  std::string storagePath;
+  std::string configFilePath;
+  GetPathsFromRegistry(options.TextOr("productname", ""), &storagePath, &configFilePath, host);
+  Require(options, "url", failures::kNoUrl);
+  const std::string& type = Require(options, "type", failures::kNoType);
+  if (type == "ContentRouter" || (type == "Agent" && serverGiven)) {
+    storagePath = Require(options, "storage", failures::kNoStorage);
   }
-  if (options.count("file") > 0) config_file_path = options["file"].as<std::string>();
-  if (options.count("todisk") == 0) config_file_path.clear();
-  registrator.GetConfigFile(type, id, server_given, storage_path, config_file_path, login,
-                            password);
+  if (options.Has("file")) configFilePath = options.Text("file");
+  if (!options.Has("todisk")) configFilePath.clear();
+  registrator.GetConfigFile(type, id, serverGiven, storagePath, configFilePath, login, password);
 }
 
 }  // namespace corvel::storage::tzregister

@@ -1,12 +1,12 @@
 #ifndef REGISTRATION_CONFIG_RETRIEVAL_H_
 #define REGISTRATION_CONFIG_RETRIEVAL_H_
 
-#include <boost/program_options/variables_map.hpp>
 #include <cstdint>
 #include <string>
 
 #include "config/registry.h"
 #include "registration/registrator.h"
+#include "support/parsed_options.h"
 
 namespace corvel::storage::tzregister {
 
@@ -17,9 +17,9 @@ namespace corvel::storage::tzregister {
 /// notices appear before any option is checked.
 /// Throws RegisterException (ERR_REGISTRY, severity 5, source "TZRegister") for
 /// a missing option, and whatever the steps throw.
-void GetConfigFile(const boost::program_options::variables_map& options,
-                   const Registrator& registrator, std::int64_t id, const std::string& login,
-                   const std::string& password, const RegistryHost& host = RegistryHost::System());
+void GetConfigFile(const support::ParsedOptions& options, const Registrator& registrator,
+                   std::int64_t id, const std::string& login, const std::string& password,
+                   const RegistryHost& host = RegistryHost::System());
 
 }  // namespace corvel::storage::tzregister
 

@@ -1,14 +1,13 @@
-#include <iostream>
-
 #include "frontend/register_exception.h"
 #include "frontend/string_check.h"
 #include "registration/registrator.h"
+#include "support/diagnostic.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-void WarnMissing(const char* parameter) {
-  std::cerr << "Warning: No " << parameter << " parameter given. Continuing without.\n";
+void WarnMissing(const std::string& parameter) {
+  support::PrintDiagnostic("Warning: No " + parameter + " parameter given. Continuing without.");
 }
 
 }  // namespace
@@ -16,7 +15,9 @@ void WarnMissing(const char* parameter) {
 void Registrator::CreateDataSelection(const std::string& dsname, const std::string& dsrules,
                                       const std::string& dstypeid) {
   std::string agentId = UseStoredCredentials();
-  if (Has("agentid")) agentId = to_string<std::uint64_t>(Number("agentid"), std::dec);
+  if (options_.Has("agentid")) {
+    agentId = to_string<std::uint64_t>(options_.Number("agentid"), std::dec);
+  }
   RegisterStringCheck::ValidateNotEmpty("dsname", dsname);
   if (dstypeid.empty()) {
     WarnMissing("dstypeid");

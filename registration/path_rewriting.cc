@@ -1,13 +1,12 @@
-#include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
 #include <cctype>
 
 #include "config/config_file.h"
-#include "frontend/register_exception.h"
+#include "registration/failures.h"
 #include "registration/registrator.h"
 #include "registration/system_account.h"
+#include "support/file_system.h"
 #include "support/password.h"
-#include "support/secret.h"
 
 namespace corvel::storage::tzregister {
 namespace {
@@ -48,8 +47,15 @@ constexpr PathOption kContentRouterPathOptions[] = {
     {"SSL", "PrivateKeyFileName"},
 };
 
-[[noreturn]] void Throw(const char* description) {
-  throw RegisterException(ERR_INVALID_ARGUMENT, SEVERITY_CRITICAL, "Registrator", description);
+/// The options that say where the host's keys lie.
+constexpr PathOption kKeyOptions[] = {{"paths", "keydir"}, {"SSL", "PrivateKeyFileName"}};
+
+/// Who may look into the directory of an option.
+support::FilePrivacy PrivacyOf(const std::string& section, const std::string& option) {
+  for (const PathOption& row : kKeyOptions) {
+    if (section == row.section && option == row.option) return support::FilePrivacy::kSecret;
+  }
+  return support::FilePrivacy::kPublic;
 }
 
 /// True for "/..." and for drive paths such as "C:/...".
@@ -59,13 +65,17 @@ bool IsAbsolute(const std::string& path) {
          (std::isalpha(static_cast<unsigned char>(path[0])) != 0 && path.compare(1, 2, ":/") == 0);
 }
 
-void StoreAccount(const char* login, const char* password, tzconfig::TZConfig* config) {
-  if (config->SetOptionValue(kAccountSection, "login", login) != tzconfig::kSuccess) {
-    Throw("Failed to set systemaccount login");
+void StoreInAccount(const std::string& option, const std::string& value,
+                    tzconfig::TZConfig* config) {
+  if (config->SetOptionValue(kAccountSection, option, value) != tzconfig::kSuccess) {
+    failures::kAccountNotStored.Throw(option);
   }
-  if (config->SetOptionValue(kAccountSection, "passwd", password) != tzconfig::kSuccess) {
-    Throw("Failed to set systemaccount passwd");
-  }
+}
+
+void StoreAccount(const std::string& login, const std::string& password,
+                  tzconfig::TZConfig* config) {
+  StoreInAccount("login", login, config);
+  StoreInAccount("passwd", password, config);
 }
 
 /// Stores the account with its password encrypted under the host's key file.
@@ -74,20 +84,20 @@ void StoreEncryptedAccount(const std::string& login, const std::string& password
   std::string keydir;
   std::string comment;
   if (config->GetOptionValue("paths", "keydir", &keydir, &comment) != tzconfig::kSuccess) {
-    Throw("Failed to load keydir from file\n");
+    failures::kOptionNotLoaded.Throw("keydir");
   }
   char encrypted[kPasswordBytes];
   if (EncryptPasswdWithKey(KeyFilePath(keydir).c_str(), password.c_str(), encrypted,
                            static_cast<int>(sizeof(encrypted))) != 0) {
-    Throw("Failed to encrypt password from file\n");
+    failures::kPasswordNotEncrypted.Throw();
   }
-  StoreAccount(login.c_str(), encrypted, config);
+  StoreAccount(login, encrypted, config);
 }
 
 }  // namespace
 
 void Registrator::UpdatePathInParam(const std::string& option, const std::string& section,
-                                    const std::string& base, bool make_dirs,
+                                    const std::string& base, bool makeDirs,
                                     tzconfig::TZConfig* config) const {
   std::string value;
   std::string comment;
@@ -96,30 +106,29 @@ void Registrator::UpdatePathInParam(const std::string& option, const std::string
   boost::filesystem::path joined(base);
   joined /= value;
   if (config->SetOptionValue(section, option, joined.string(), comment) != tzconfig::kSuccess) {
-    throw RegisterException(ERR_FILE_WRITE, SEVERITY_ERROR, "ConfigFile",
-                            "Failed to update parameter in configfile");
+    failures::kPathNotStored.Throw();
   }
-  if (make_dirs) boost::filesystem::create_directories(joined);
+  if (makeDirs) support::MakeDirectories(joined.string(), PrivacyOf(section, option));
 }
 
-void Registrator::SetStoragePath(const std::string& storage_path, bool make_dirs,
+void Registrator::SetStoragePath(const std::string& storagePath, bool makeDirs,
                                  tzconfig::TZConfig* config) const {
   for (const PathOption& row : kPathOptions) {
-    UpdatePathInParam(row.option, row.section, storage_path, make_dirs, config);
+    UpdatePathInParam(row.option, row.section, storagePath, makeDirs, config);
   }
 }
 
-void Registrator::SetContentRouterStoragePath(const std::string& storage_path, bool make_dirs,
+void Registrator::SetContentRouterStoragePath(const std::string& storagePath, bool makeDirs,
                                               tzconfig::TZConfig* config) const {
   for (const PathOption& row : kContentRouterPathOptions) {
-    UpdatePathInParam(row.option, row.section, storage_path, make_dirs, config);
+    UpdatePathInParam(row.option, row.section, storagePath, makeDirs, config);
   }
 }
 
 void Registrator::SetSystemAccount(const std::string& login, const std::string& password,
                                    tzconfig::TZConfig* config) const {
-  if (!Has("agentType")) return;
-  const std::uint64_t agentType = Number("agentType");
+  if (!options_.Has("agentType")) return;
+  const std::uint64_t agentType = options_.Number("agentType");
   if (agentType == kWrxAgent) {
     StoreAccount(kMaskedLogin, kMaskedPassword, config);
   } else if (agentType == kQuorvexAgent && !login.empty() && !password.empty()) {
@@ -128,28 +137,26 @@ void Registrator::SetSystemAccount(const std::string& login, const std::string& 
 }
 
 void Registrator::ReplacePathsInConfigFile(std::istream* in, std::ostream* out,
-                                           configfiletemplate_t template_id,
-                                           const std::string& storage_path,
-                                           const std::string& login,
+                                           configfiletemplate_t templateId,
+                                           const std::string& storagePath, const std::string& login,
                                            const std::string& password) const {
   if (in == nullptr || out == nullptr) {
-    throw RegisterException(ERR_WEBSERVICE, SEVERITY_ERROR, "Registrator",
-                            "in, out or storagepath is NULL");
+    failures::kNoTemplateStream.Throw();
   }
-  const bool make_dirs = Has("mkdir");
+  const bool makeDirs = options_.Has("mkdir");
   tzconfig::TZConfig config;
   const tzconfig::TZConfigFile file("", "");
   if (file.LoadConfig(in, &config) != tzconfig::kSuccess) {
-    Throw("Failed to load from input stream ");
+    failures::kTemplateNotLoaded.Throw();
   }
-  if (template_id == TEMPLATE_CONTENT_ROUTER) {
-    SetContentRouterStoragePath(storage_path, make_dirs, &config);
+  if (templateId == TEMPLATE_CONTENT_ROUTER) {
+    SetContentRouterStoragePath(storagePath, makeDirs, &config);
   } else {
-    SetStoragePath(storage_path, make_dirs, &config);
+    SetStoragePath(storagePath, makeDirs, &config);
   }
   SetSystemAccount(login, password, &config);
   if (file.DumpConfig(out, &config) != tzconfig::kSuccess) {
-    Throw("Failed to dump to output stream ");
+    failures::kTemplateNotDumped.Throw();
   }
 }
 

@@ -4,7 +4,7 @@
 #include <iterator>
 #include <vector>
 
-#include "frontend/register_exception.h"
+#include "registration/failures.h"
 
 namespace corvel::storage::tzregister {
 
@@ -42,17 +42,17 @@ std::vector<const char*> ActionsOf(const std::string& type) {
 }  // namespace
 
 Registrator::Registrator(const boost::program_options::variables_map& options, WSCataProxy* proxy)
-    : ParsedOptions(options), proxy_(proxy) {}
+    : options_(options), proxy_(proxy) {}
 
 void Registrator::SetConfigFile(const std::string& path) { configFile_ = path; }
 
 void Registrator::ValidateAction(const std::string& action, const std::string& type) const {
   const std::vector<const char*> allowed = ActionsOf(type);
   if (std::find(allowed.begin(), allowed.end(), action) != allowed.end()) return;
-  std::string description =
-      "Action " + action + " is not a valid action for type " + type + ".\nValid actions are: ";
-  for (const char* valid : allowed) description.append(valid).append(" ");
-  throw RegisterException(ERR_WEBSERVICE, SEVERITY_ERROR, "Registrator", description + "\n");
+  std::string refusal =
+      action + " is not a valid action for type " + type + ".\nValid actions are: ";
+  for (const char* valid : allowed) refusal.append(valid).append(" ");
+  failures::kActionNotAllowed.Throw(refusal);
 }
 
 }  // namespace corvel::storage::tzregister

@@ -8,7 +8,8 @@
 #include <string>
 
 #include "config/config.h"
-#include "frontend/parsed_options.h"
+#include "support/parsed_options.h"
+#include "support/secret.h"
 #include "webservice/ws_cata_proxy.h"
 
 namespace corvel::storage::tzregister {
@@ -20,18 +21,13 @@ extern const std::int64_t OSTypeId;
 extern const std::string OSEextensions;
 
 /// What a component's configuration file says of the account with which this
-/// host talks to the authority. The password is wiped when it goes.
+/// host talks to the authority.
 struct StoredCredentials {
   std::string url;
   std::string login;
-  std::string passwd;
+  support::Secret passwd;
   std::string keydir;
   std::string agentid;  ///< empty when the file holds none
-
-  StoredCredentials() = default;
-  StoredCredentials(const StoredCredentials&) = default;
-  StoredCredentials& operator=(const StoredCredentials&) = default;
-  ~StoredCredentials();
 };
 
 /// Performs the tool's actions. Every operation throws RegisterException on
@@ -40,8 +36,8 @@ struct StoredCredentials {
 ///
 /// One file per subject holds the operations: component_registration.cc,
 /// credential_file.cc, output_names.cc, path_rewriting.cc, config_retrieval.cc,
-/// routing_tables.cc, data_selection.cc, ssl_certificate.cc.
-class Registrator : private ParsedOptions {
+/// routing_tables.cc, data_selection.cc, certificate_output.cc.
+class Registrator {
  public:
   /// The configuration-file templates that the authority keeps.
   enum configfiletemplate_t {
@@ -84,7 +80,8 @@ class Registrator : private ParsedOptions {
 
   /// Fetches a pool's recommended and current routing tables with the account of
   /// the credential file and writes them to two files, or, when either path is
-  /// empty, one behind the other to standard output.
+  /// empty, one behind the other to standard output; throws when that does not
+  /// take both. What a disk makes of the files is not examined.
   void GetRoutingTables(std::int64_t storagePoolId, const std::string& recommendedFile,
                         const std::string& currentFile);
 
@@ -100,43 +97,46 @@ class Registrator : private ParsedOptions {
                                      const std::string& extra);
 
   /// Fetches the configuration file of component `id` of type `type`, rewrites
-  /// it for this host and writes it to `config_file_path` (created readable by
-  /// its owner alone), or to standard output when that is empty. Says on
-  /// standard output where it went. `login` and `password` are the component's
-  /// system account, empty to leave the template's.
-  void GetConfigFile(const std::string& type, std::int64_t id, bool server_given,
-                     const std::string& storage_path, const std::string& config_file_path,
+  /// it for this host and writes it to `configFilePath` (created readable by
+  /// its owner alone), or to standard output when that is empty; throws when
+  /// the whole text is not taken. Says on standard output where it went. `login` and `password` are
+  /// the component's system account, empty to leave the template's.
+  void GetConfigFile(const std::string& type, std::int64_t id, bool serverGiven,
+                     const std::string& storagePath, const std::string& configFilePath,
                      const std::string& login, const std::string& password) const;
 
-  /// Reads a template from `*in`, makes its paths absolute under `storage_path`,
+  /// Reads a template from `*in`, makes its paths absolute under `storagePath`,
   /// fills in the system account as --agentType says and writes the result to
   /// `*out`. With --mkdir it creates the directories as well; a failure of that
   /// is thrown as boost::filesystem::filesystem_error.
   void ReplacePathsInConfigFile(std::istream* in, std::ostream* out,
-                                configfiletemplate_t template_id, const std::string& storage_path,
+                                configfiletemplate_t templateId, const std::string& storagePath,
                                 const std::string& login, const std::string& password) const;
 
   /// Makes the path options of an agent's or an authority's file absolute.
-  void SetStoragePath(const std::string& storage_path, bool make_dirs,
+  void SetStoragePath(const std::string& storagePath, bool makeDirs,
                       tzconfig::TZConfig* config) const;
 
   /// Makes the path options of a content router's file absolute.
-  void SetContentRouterStoragePath(const std::string& storage_path, bool make_dirs,
+  void SetContentRouterStoragePath(const std::string& storagePath, bool makeDirs,
                                    tzconfig::TZConfig* config) const;
 
   /// Joins one option's value to `base` unless it is missing, empty or absolute
-  /// already, and creates that directory when `make_dirs` is set.
+  /// already, and creates that directory when `makeDirs` is set.
   void UpdatePathInParam(const std::string& option, const std::string& section,
-                         const std::string& base, bool make_dirs, tzconfig::TZConfig* config) const;
+                         const std::string& base, bool makeDirs, tzconfig::TZConfig* config) const;
 
  private:
   /// Reads the credential file, hands its account to the proxy and returns the
   /// agent id that the file holds, empty when it holds none.
   std::string UseStoredCredentials();
   StoredCredentials ReadStoredCredentials() const;
+  /// The directory that the option `dirargument` names; see FilenamesFromArguments.
+  std::string OutputDirectory(const std::string& dirargument) const;
   void SetSystemAccount(const std::string& login, const std::string& password,
                         tzconfig::TZConfig* config) const;
 
+  support::ParsedOptions options_;
   WSCataProxy* proxy_;
   std::string configFile_;
 };

@@ -6,8 +6,11 @@ namespace corvel::storage::support {
 
 bool BoundedCopy(char* out, std::size_t outSize, const char* text) {
   if (outSize == 0) return false;
-  out[0] = '\0';
-  return BoundedAppend(out, outSize, text);
+  const std::size_t length = strnlen(text, outSize);
+  const std::size_t copied = length < outSize ? length : outSize - 1;
+  std::memcpy(out, text, copied);
+  out[copied] = '\0';
+  return copied == length;
 }
 
 bool BoundedAppend(char* out, std::size_t outSize, const char* text) {

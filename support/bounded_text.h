@@ -6,7 +6,8 @@
 namespace corvel::storage::support {
 
 /// Copies the zero-terminated `text` into `out`, which holds `outSize` bytes,
-/// terminator included. False, with `out` made empty, when it does not fit.
+/// terminator included. False when it does not fit; `out` then holds as much of
+/// its beginning as does.
 bool BoundedCopy(char* out, std::size_t outSize, const char* text);
 
 /// Appends the zero-terminated `text` to the zero-terminated `out`, which holds

@@ -45,19 +45,13 @@ std::optional<std::string> HttpsAddress(const char* url) {
   return std::string(text.get());
 }
 
-void ChooseTrust(const char* url, const std::string& keydir, support::TransferSettings* settings) {
-  settings->caFile = support::ServerCertificateFile(url);
-  if (settings->caFile.empty() && !keydir.empty()) {
-    const std::string authority = keydir + "/ca.pem";
-    if (support::PathExists(authority)) settings->caFile = authority;
-  }
-  settings->trust =
-      settings->caFile.empty() ? support::ServerTrust::kSystem : support::ServerTrust::kFileOnly;
-}
-
-std::size_t ReceiveReply(char* bytes, std::size_t size, std::size_t count, void* target) {
-  const bool kept = static_cast<support::ReceiveBuffer*>(target)->Append(bytes, size * count);
-  return kept ? size * count : 0;
+/// The server is always verified: by its own file or the one of the key directory
+/// alone, else by the system's authorities.
+support::Verification ChooseTrust(const char* url, const std::string& keydir) {
+  std::string file = support::ServerCertificateFile(url);
+  const std::string authority = keydir + "/ca.pem";
+  if (file.empty() && !keydir.empty() && support::PathExists(authority)) file = authority;
+  return {file.empty() ? support::ServerTrust::kSystem : support::ServerTrust::kFileOnly, file};
 }
 
 /// Adds a header line to `*list`; false when memory is short.
@@ -99,12 +93,7 @@ std::optional<int> RunTransfer(CURL* transfer) {
 struct WSHandle {
   support::TransferSettings settings;
   std::string login;
-  std::string password;
-
-  ~WSHandle() {
-    support::WipeText(&login);
-    support::WipeText(&password);
-  }
+  support::Secret password;
 };
 
 WSHandle* WSInit(const char* url, const char* login, const char* password, const char* keydir,
@@ -114,21 +103,19 @@ WSHandle* WSInit(const char* url, const char* login, const char* password, const
   auto handle = std::make_unique<WSHandle>();
   handle->settings.url = *address;
   handle->settings.timeoutSeconds = kRequestTimeoutSeconds;
-  handle->settings.sink = ReceiveReply;
-  ChooseTrust(url, keydir, &handle->settings);
+  handle->settings.verification = ChooseTrust(url, keydir);
   handle->login = login;
-  handle->password = password;
+  handle->password = support::Secret(password);
   return handle.release();
 }
 
 int WSRequestExt(WSHandle* handle, int kind, WSReply* reply, const char* parameter,
                  const char* text, int /*flags*/) {
-  std::string body = text;
-  const support::ScopedWipe wipeBody(&body);
+  const std::string body = text;
   support::CurlListPtr headers;
   support::ReceiveBuffer answer;
   support::TransferSettings settings = handle->settings;
-  settings.sinkTarget = &answer;
+  settings.answer = &answer;
   const support::CurlEasyPtr transfer(curl_easy_init());
   if (transfer == nullptr || !AddHeader(kRequestKindHeader + std::to_string(kind), &headers) ||
       !AddHeader(kParameterHeader + std::string(parameter), &headers) ||

@@ -38,7 +38,7 @@ WSHandle* WSInit(const char* url, const char* login, const char* password, const
 int WSRequestExt(WSHandle* handle, int kind, WSReply* reply, const char* parameter,
                  const char* text, int flags);
 
-/// Releases `handle` and wipes the credentials it held; null is ignored.
+/// Releases `handle` and wipes the password it held; null is ignored.
 void WSShutdown(WSHandle* handle);
 
 #endif  // SUPPORT_CHANNEL_H_

@@ -1,7 +1,6 @@
 #ifndef SUPPORT_HANDLE_H_
 #define SUPPORT_HANDLE_H_
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -17,14 +16,8 @@ struct HandleDeleter {
   }
 };
 
-/// Closes a stdio stream and drops the result of closing. Code that must know
-/// whether closing worked releases the pointer and calls fclose itself.
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-/// An owned stdio stream; null when it could not be opened.
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+/// An owned zero-terminated text from malloc.
+using HeapText = std::unique_ptr<char, HandleDeleter<std::free>>;
 
 }  // namespace corvel::storage::support
 

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "support/openssl_handle.h"
 #include "support/secret.h"
@@ -17,7 +19,8 @@ namespace {
 
 using corvel::storage::support::EvpCipherCtxPtr;
 using corvel::storage::support::EvpPkeyCtxPtr;
-using corvel::storage::support::SecretBytes;
+using corvel::storage::support::Secret;
+using Bytes = std::vector<unsigned char>;
 
 constexpr char kVersionMark[] = "qx1.";
 constexpr std::size_t kMarkLength = sizeof(kVersionMark) - 1;
@@ -52,26 +55,27 @@ bool IsRegularFile(const Descriptor& file) {
 
 /// The whole content of the key file; empty when there is none to be had. Opened
 /// without blocking, so that a pipe of that name cannot hold the run up.
-SecretBytes ReadKeyFile(const char* path) {
+Secret ReadKeyFile(const char* path) {
   const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  SecretBytes content;
+  Secret content;
   if (!IsRegularFile(file)) return content;
   std::size_t used = 0;
   ssize_t count = 0;
   do {
     used += static_cast<std::size_t>(count);
-    content.resize(used + kReadChunkBytes);
+    content.Resize(used + kReadChunkBytes);
     count = read(file.number(), content.data() + used, kReadChunkBytes);
   } while (count > 0 && used < kMaxKeyFileBytes);
-  content.resize(count == 0 ? used : 0);
+  content.Resize(count == 0 ? used : 0);
   return content;
 }
 
 /// The AES key for `salt` (kSaltBytes bytes); empty when it cannot be derived.
-SecretBytes DeriveKey(const char* keyFile, const unsigned char* salt) {
-  const SecretBytes material = ReadKeyFile(keyFile);
+Secret DeriveKey(const char* keyFile, const unsigned char* salt) {
+  const Secret material = ReadKeyFile(keyFile);
   if (material.empty()) return {};
-  SecretBytes key(kKeyBytes);
+  Secret key;
+  key.Resize(kKeyBytes);
   std::size_t length = key.size();
   const EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_id(EVP_PKEY_HKDF, nullptr));
   const auto* label = reinterpret_cast<const unsigned char*>(kDerivationLabel);
@@ -79,11 +83,11 @@ SecretBytes DeriveKey(const char* keyFile, const unsigned char* salt) {
       context != nullptr && EVP_PKEY_derive_init(context.get()) > 0 &&
       EVP_PKEY_CTX_set_hkdf_md(context.get(), EVP_sha256()) > 0 &&
       EVP_PKEY_CTX_set1_hkdf_salt(context.get(), salt, kSaltBytes) > 0 &&
-      EVP_PKEY_CTX_set1_hkdf_key(context.get(), material.data(),
+      EVP_PKEY_CTX_set1_hkdf_key(context.get(), material.bytes(),
                                  static_cast<int>(material.size())) > 0 &&
       EVP_PKEY_CTX_add1_hkdf_info(context.get(), label, sizeof(kDerivationLabel) - 1) > 0 &&
-      EVP_PKEY_derive(context.get(), key.data(), &length) > 0;
-  return derived ? key : SecretBytes();
+      EVP_PKEY_derive(context.get(), key.bytes(), &length) > 0;
+  return derived ? std::move(key) : Secret();
 }
 
 /// Binds the version mark to the cipher text, so that neither can be exchanged.
@@ -94,10 +98,10 @@ bool AuthenticateMark(EVP_CIPHER_CTX* context) {
                           static_cast<int>(kMarkLength)) > 0;
 }
 
-EvpCipherCtxPtr StartCipher(const SecretBytes& key, const unsigned char* nonce, bool encrypt) {
+EvpCipherCtxPtr StartCipher(const Secret& key, const unsigned char* nonce, bool encrypt) {
   EvpCipherCtxPtr context(EVP_CIPHER_CTX_new());
   if (key.empty() || context == nullptr ||
-      EVP_CipherInit_ex(context.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce,
+      EVP_CipherInit_ex(context.get(), EVP_aes_256_gcm(), nullptr, key.bytes(), nonce,
                         encrypt ? 1 : 0) <= 0 ||
       !AuthenticateMark(context.get())) {
     return nullptr;
@@ -106,12 +110,12 @@ EvpCipherCtxPtr StartCipher(const SecretBytes& key, const unsigned char* nonce, 
 }
 
 /// Salt, nonce, cipher text and tag for `plain`; empty on failure.
-SecretBytes Seal(const char* keyFile, const char* plain) {
+Bytes Seal(const char* keyFile, const char* plain) {
   const std::size_t plainLength = std::strlen(plain);
-  SecretBytes sealed(kHeadBytes + plainLength + kTagBytes);
+  Bytes sealed(kHeadBytes + plainLength + kTagBytes);
   unsigned char* text = sealed.data() + kHeadBytes;
   if (RAND_bytes(sealed.data(), static_cast<int>(kHeadBytes)) <= 0) return {};
-  const SecretBytes key = DeriveKey(keyFile, sealed.data());
+  const Secret key = DeriveKey(keyFile, sealed.data());
   const EvpCipherCtxPtr context = StartCipher(key, sealed.data() + kSaltBytes, true);
   int length = 0;
   const bool done =
@@ -121,30 +125,30 @@ SecretBytes Seal(const char* keyFile, const char* plain) {
       EVP_CipherFinal_ex(context.get(), text + length, &length) > 0 &&
       EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(kTagBytes),
                           text + plainLength) > 0;
-  return done ? sealed : SecretBytes();
+  return done ? sealed : Bytes();
 }
 
 /// Undoes Seal into `*plain`; false when the bytes are not what Seal made.
-bool Unseal(const char* keyFile, SecretBytes sealed, SecretBytes* plain) {
+bool Unseal(const char* keyFile, Bytes sealed, Secret* plain) {
   if (sealed.size() < kHeadBytes + kTagBytes) return false;
-  const SecretBytes key = DeriveKey(keyFile, sealed.data());
+  const Secret key = DeriveKey(keyFile, sealed.data());
   const EvpCipherCtxPtr context = StartCipher(key, sealed.data() + kSaltBytes, false);
   const std::size_t textLength = sealed.size() - kHeadBytes - kTagBytes;
-  plain->resize(textLength + kTagBytes);
+  plain->Resize(textLength + kTagBytes);
   int length = 0;
   if (context == nullptr ||
-      EVP_CipherUpdate(context.get(), plain->data(), &length, sealed.data() + kHeadBytes,
+      EVP_CipherUpdate(context.get(), plain->bytes(), &length, sealed.data() + kHeadBytes,
                        static_cast<int>(textLength)) <= 0 ||
       EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(kTagBytes),
                           sealed.data() + kHeadBytes + textLength) <= 0 ||
-      EVP_CipherFinal_ex(context.get(), plain->data() + length, &length) <= 0) {
+      EVP_CipherFinal_ex(context.get(), plain->bytes() + length, &length) <= 0) {
     return false;
   }
-  plain->resize(textLength);
+  plain->Resize(textLength);
   return true;
 }
 
-std::string ToBase64Url(const SecretBytes& bytes) {
+std::string ToBase64Url(const Bytes& bytes) {
   std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
   const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), bytes.data(),
                                      static_cast<int>(bytes.size()));
@@ -156,20 +160,20 @@ std::string ToBase64Url(const SecretBytes& bytes) {
 }
 
 /// The bytes that ToBase64Url wrote as `text`; empty when it wrote no such text.
-SecretBytes FromBase64Url(const std::string& text) {
+Bytes FromBase64Url(const std::string& text) {
   std::string padded = text;
   std::replace(padded.begin(), padded.end(), '-', '+');
   std::replace(padded.begin(), padded.end(), '_', '/');
   const std::size_t padding = (4 - padded.size() % 4) % 4;
   padded.append(padding, '=');
-  SecretBytes bytes(padded.size() / 4 * 3);
+  Bytes bytes(padded.size() / 4 * 3);
   const int length =
       EVP_DecodeBlock(bytes.data(), reinterpret_cast<const unsigned char*>(padded.data()),
                       static_cast<int>(padded.size()));
   if (length < 0 || padding > static_cast<std::size_t>(length)) return {};
   bytes.resize(static_cast<std::size_t>(length) - padding);
   // The decoder forgives blanks and stray bits; a changed text is not forgiven.
-  return ToBase64Url(bytes) == text ? bytes : SecretBytes();
+  return ToBase64Url(bytes) == text ? bytes : Bytes();
 }
 
 /// Stores `length` bytes and a terminator in `out`; non-zero when they do not fit.
@@ -191,7 +195,7 @@ bool PrepareCall(const char* keyFile, const char* text, char* out, int outSize) 
 
 int EncryptPasswdWithKey(const char* keyFile, const char* passwd, char* out, int outSize) {
   if (!PrepareCall(keyFile, passwd, out, outSize)) return -1;
-  const SecretBytes sealed = Seal(keyFile, passwd);
+  const Bytes sealed = Seal(keyFile, passwd);
   if (sealed.empty()) return -1;
   const std::string text = kVersionMark + ToBase64Url(sealed);
   return StoreText(text.data(), text.size(), out, outSize);
@@ -200,7 +204,7 @@ int EncryptPasswdWithKey(const char* keyFile, const char* passwd, char* out, int
 int DecryptPasswdWithKey(const char* keyFile, const char* encrypted, char* out, int outSize) {
   if (!PrepareCall(keyFile, encrypted, out, outSize)) return -1;
   if (std::strncmp(encrypted, kVersionMark, kMarkLength) != 0) return -1;
-  SecretBytes plain;
+  Secret plain;
   if (!Unseal(keyFile, FromBase64Url(encrypted + kMarkLength), &plain)) return -1;
   return StoreText(plain.data(), plain.size(), out, outSize);
 }

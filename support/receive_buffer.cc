@@ -1,7 +1,5 @@
 #include "support/receive_buffer.h"
 
-#include <openssl/crypto.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -9,29 +7,16 @@
 namespace corvel::storage::support {
 namespace {
 
-/// Blocks above this size are moved by the kernel page by page, which leaves no
-/// copy behind; smaller ones are copied by hand so that the old one can be wiped.
-constexpr std::uint64_t kCopyLimitBytes = 1u << 20;
-
-/// A block of `newSize` bytes that begins with the first `usedSize` bytes of
-/// `old`, which is then gone. Null, with `old` untouched, when memory is short.
-char* GrowBlock(char* old, std::uint64_t usedSize, std::uint64_t newSize) {
-  if (old == nullptr || usedSize > kCopyLimitBytes) {
-    return static_cast<char*>(std::realloc(old, newSize));
-  }
-  auto* block = static_cast<char*>(std::malloc(newSize));
-  if (block == nullptr) return nullptr;
-  std::memcpy(block, old, usedSize);
-  OPENSSL_cleanse(old, usedSize);
-  std::free(old);
-  return block;
+/// A server that never pauses would keep libcurl from looking at its own clock.
+bool IsLate(const ReceiveBuffer& buffer) {
+  return std::chrono::steady_clock::now() > buffer.deadline;
 }
 
 }  // namespace
 
 bool ReceiveBuffer::Append(const char* bytes, std::size_t count) {
-  const bool fits = size <= kMaxAnswerBytes && count <= kMaxAnswerBytes - size;
-  char* grown = fits ? GrowBlock(data, size, size + count + 1) : nullptr;
+  const bool fits = size <= kMaxAnswerBytes && count <= kMaxAnswerBytes - size && !IsLate(*this);
+  auto* const grown = fits ? static_cast<char*>(std::realloc(data, size + count + 1)) : nullptr;
   if (grown == nullptr) {
     Release();
     return false;
@@ -44,7 +29,6 @@ bool ReceiveBuffer::Append(const char* bytes, std::size_t count) {
 }
 
 void ReceiveBuffer::Release() {
-  if (data != nullptr) OPENSSL_cleanse(data, size);
   std::free(data);
   data = nullptr;
   size = 0;
@@ -53,6 +37,19 @@ void ReceiveBuffer::Release() {
 char* ReceiveBuffer::TakeData() {
   size = 0;
   return std::exchange(data, nullptr);
+}
+
+std::size_t data_callback(char* ptr, std::size_t size, std::size_t nmemb, void* userdata) {
+  if (userdata == nullptr) return 0;
+  const std::size_t count = size * nmemb;
+  return static_cast<ReceiveBuffer*>(userdata)->Append(ptr, count) ? count : 0;
+}
+
+std::size_t header_callback(char* /*ptr*/, std::size_t size, std::size_t nmemb, void* userdata) {
+  auto* const buffer = static_cast<ReceiveBuffer*>(userdata);
+  const std::size_t count = size * nmemb;
+  buffer->headerBytes += count;
+  return buffer->headerBytes <= kMaxHeaderBytes && !IsLate(*buffer) ? count : 0;
 }
 
 }  // namespace corvel::storage::support

@@ -1,75 +1,54 @@
 #ifndef SUPPORT_SECRET_H_
 #define SUPPORT_SECRET_H_
 
-#include <openssl/crypto.h>
-
 #include <cstddef>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
 #include <string>
-#include <vector>
+#include <string_view>
 
 namespace corvel::storage::support {
 
-/// Overwrites the whole capacity of `*text` with zeros, then empties it.
-void WipeText(std::string* text);
-
-/// Wipes the text it was given when it goes out of scope, also when an
-/// exception passes. Does not own the text, which must outlive it.
-class ScopedWipe {
+/// An owned text, or run of bytes, that nobody may find in memory later: what it
+/// held is overwritten before the memory is given back or used for something
+/// else. The one type for values known to be secrets: passwords, the content of
+/// key files, derived keys. It moves and is never copied; code that must hand a
+/// secret to the wire or to a library makes that copy itself, out of text().
+class Secret {
  public:
-  explicit ScopedWipe(std::string* text) : text_(text) {}
-  ~ScopedWipe() { WipeText(text_); }
-  ScopedWipe(const ScopedWipe&) = delete;
-  ScopedWipe& operator=(const ScopedWipe&) = delete;
+  Secret() = default;
+  /// Holds a copy of `text`, which stays the caller's to look after.
+  explicit Secret(std::string_view text);
+  ~Secret();
+  Secret(Secret&& other) noexcept;
+  Secret& operator=(Secret&& other) noexcept;
+  Secret(const Secret&) = delete;
+  Secret& operator=(const Secret&) = delete;
+
+  const std::string& text() const { return text_; }
+  std::size_t size() const { return text_.size(); }
+  bool empty() const { return text_.empty(); }
+  const unsigned char* bytes() const;
+
+  /// The size() bytes, to be written to.
+  char* data() { return text_.data(); }
+  unsigned char* bytes();
+
+  /// Empties the secret and lends out its text, for a function that hands a
+  /// secret out through a std::string. To be assigned to once: a second, longer
+  /// text would leave the first one behind.
+  std::string* Receive();
+
+  /// Adds `text` behind the end.
+  void Append(std::string_view text);
+
+  /// Cuts the secret to `size` bytes or fills it up with zero bytes.
+  void Resize(std::size_t size);
 
  private:
-  std::string* text_;
+  void Wipe() noexcept;
+  void Reserve(std::size_t size);
+
+  std::string text_;
 };
-
-/// Frees a zero-terminated heap text after overwriting it.
-struct HeapTextDeleter {
-  void operator()(char* text) const {
-    OPENSSL_cleanse(text, std::strlen(text));
-    std::free(text);
-  }
-};
-
-/// An owned zero-terminated text from malloc, wiped before it is freed.
-using HeapText = std::unique_ptr<char, HeapTextDeleter>;
-
-/// A heap copy of `text` (zero-terminated, not null).
-/// Throws std::bad_alloc when there is no memory.
-HeapText CopyHeapText(const char* text);
-
-/// Allocator that overwrites what it gives back, so that a growing buffer of
-/// secret bytes leaves no copies behind.
-template <typename T>
-struct WipingAllocator {
-  using value_type = T;
-
-  WipingAllocator() = default;
-  template <typename U>
-  WipingAllocator(const WipingAllocator<U>&) {}
-
-  T* allocate(std::size_t count) { return std::allocator<T>().allocate(count); }
-  void deallocate(T* block, std::size_t count) {
-    OPENSSL_cleanse(block, count * sizeof(T));
-    std::allocator<T>().deallocate(block, count);
-  }
-  template <typename U>
-  bool operator==(const WipingAllocator<U>&) const {
-    return true;
-  }
-  template <typename U>
-  bool operator!=(const WipingAllocator<U>&) const {
-    return false;
-  }
-};
-
-/// Bytes that are wiped whenever their memory is given back.
-using SecretBytes = std::vector<unsigned char, WipingAllocator<unsigned char>>;
 
 }  // namespace corvel::storage::support
 

@@ -3,11 +3,8 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <new>
 #include <utility>
-
-#include "webservice/webservice.h"
 
 namespace corvel::storage::tzregister {
 namespace {
@@ -68,34 +65,69 @@ std::int32_t LeadingCount(const char* text) {
   return NumberAt(digits);
 }
 
+/// What a table may still take of the memory that is granted to it. An answer of
+/// bars alone would take a hundred times its own size; no real one comes near.
+class Budget {
+ public:
+  explicit Budget(std::size_t textLength) : left_(textLength + kAllowanceBytes) {}
+
+  /// Reckons with `bytes` more; false when they are not to be had.
+  bool Take(std::size_t bytes) {
+    if (bytes > left_) return false;
+    left_ -= bytes;
+    return true;
+  }
+
+ private:
+  static constexpr std::size_t kAllowanceBytes = 160u << 20;
+
+  std::size_t left_;
+};
+
+// What the heap takes for an entry of each kind, without its texts.
+constexpr std::size_t kDefinitionBytes = 80;
+constexpr std::size_t kRecordBytes = 96;
+constexpr std::size_t kFieldBytes = 160;
+
 /// Returns 0, or -1 when there are too many columns.
-int ReadDefinitions(char* names, char* types, const AnswerLimits& limits, RecordSet* records) {
+int ReadDefinitions(char* names, char* types, Budget* budget, RecordSet* records) {
   while (names != nullptr && types != nullptr) {
-    if (records->definitions.size() == limits.columns) return -1;
     auto definition = std::make_unique<FieldDefinition>();
-    definition->name = support::CopyHeapText(CutToken(&names));
+    const char* const name = CutToken(&names);
+    if (!budget->Take(kDefinitionBytes + std::strlen(name))) return -1;
+    definition->name = CopyText(name);
     definition->type = *CutToken(&types);
     records->definitions.push_back(std::move(definition));
   }
   return 0;
 }
 
-/// Returns 0, or -1 when there are too many values.
-int ReadRecords(char* text, const AnswerLimits& limits, RecordSet* records) {
-  std::size_t values = 0;
+/// Bytes of all column names together.
+std::size_t NamesLength(const RecordSet& records) {
+  std::size_t length = 0;
+  for (const auto& definition : records.definitions) length += std::strlen(definition->name.get());
+  return length;
+}
+
+/// Returns 0, or -1 when there are too many records and values.
+int ReadRecords(char* text, Budget* budget, RecordSet* records) {
+  const std::size_t namesLength = NamesLength(*records);
   while (!StartsWith(text, kDone)) {
     char* const line = CutLine(&text);
     if (line == nullptr) return 0;
+    const auto lineLength = static_cast<std::size_t>(text - line);
     records->insert(line);
-    // A record without a value that is kept takes memory as well.
-    values += 1 + records->records.back()->fields.size();
-    if (values > limits.values) return -1;
+    // Each field holds its own copy of its column's name.
+    const std::size_t fields = records->records.back()->fields.size();
+    const std::size_t names = fields == 0 ? 0 : namesLength;
+    if (!budget->Take(kRecordBytes + fields * kFieldBytes + names + lineLength)) return -1;
   }
   return 0;
 }
 
 /// Reads what stands behind the marker of a table.
-int ReadTable(char* text, const AnswerLimits& limits, RecordSet* records) {
+int ReadTable(char* text, RecordSet* records) {
+  Budget budget(std::strlen(text));
   char* const markerEnd = FindLineBreak(text);
   if (markerEnd == nullptr) return -1;
   char* rest = markerEnd + 1;
@@ -105,8 +137,8 @@ int ReadTable(char* text, const AnswerLimits& limits, RecordSet* records) {
   if (names == nullptr) return -1;
   char* const types = CutLine(&rest);
   if (types == nullptr) return -1;
-  if (ReadDefinitions(names, types, limits, records) != 0) return -1;
-  if (ReadRecords(rest, limits, records) != 0) return -1;
+  if (ReadDefinitions(names, types, &budget, records) != 0) return -1;
+  if (ReadRecords(rest, &budget, records) != 0) return -1;
   records->cursor = 0;
   return 0;
 }
@@ -117,7 +149,7 @@ HeapText ReadDescription(char* line) {
   char* const done = std::strstr(line, kDone);
   if (done != nullptr) *done = '\0';
   const bool cutShort = std::strlen(line) < kDescriptionOffset;
-  return support::CopyHeapText(cutShort ? "" : line + kDescriptionOffset);
+  return CopyText(cutShort ? "" : line + kDescriptionOffset);
 }
 
 /// If the line at `*text` begins with `key`, cuts it there, stores what follows
@@ -125,7 +157,7 @@ HeapText ReadDescription(char* line) {
 template <std::size_t Size>
 bool TakeHeader(char** text, const char (&key)[Size], HeapText* field) {
   if (!StartsWith(*text, key)) return false;
-  *field = support::CopyHeapText(CutLine(text) + Size - 1);
+  *field = CopyText(CutLine(text) + Size - 1);
   return true;
 }
 
@@ -157,27 +189,14 @@ int ReadError(char* text, RecordSet* records) {
 
 }  // namespace
 
-int ParseAnswer(char* text, RecordSet* records, const AnswerLimits& limits) {
+int ParseAnswer(char* text, RecordSet* records) {
   char* const marker = std::strstr(text, kMarker);
   if (marker == nullptr) return -1;
   if (StartsWith(marker, kBegin) || StartsWith(marker, kStart)) {
-    return ReadTable(marker + kMarkerLength, limits, records);
+    return ReadTable(marker + kMarkerLength, records);
   }
   if (StartsWith(marker, kError)) return ReadError(marker + kMarkerLength, records);
   return -1;
-}
-
-int WebService::parse(RecordSet* records) const {
-  if (buffer.data == nullptr) return -1;
-  support::SecretBytes copy;
-  try {
-    copy.assign(buffer.data, buffer.data + std::strlen(buffer.data) + 1);
-  } catch (const std::bad_alloc&) {
-    std::cerr << "Could not convert webservice result to wide character string from UTF-8: %m."
-              << std::endl;
-    return -1;
-  }
-  return ParseAnswer(reinterpret_cast<char*>(copy.data()), records);
 }
 
 }  // namespace corvel::storage::tzregister

@@ -1,18 +1,12 @@
-#include "frontend/register_exception.h"
+#include "webservice/failures.h"
 #include "webservice/ws_cata_proxy.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-constexpr char kSource[] = "WSCataProxy";
-
-[[noreturn]] void ThrowMissing(const char* description) {
-  throw RegisterException(ERR_WEBSERVICE, SEVERITY_ERROR, kSource, description);
-}
-
 const Record& FirstRecord(RecordSet* records) {
   const Record* const record = records->next();
-  if (record == nullptr) ThrowMissing("An error occurred: no records returned by the server");
+  if (record == nullptr) failures::kNoRecords.Throw();
   return *record;
 }
 
@@ -21,11 +15,9 @@ void FieldUnlessEmpty(WebService* ws, const char* name, const std::string& value
 }
 
 /// Writes one column of `record` to `stream`, which must be good.
-void WriteColumn(const Record& record, const char* column, const char* failure,
+void WriteColumn(const Record& record, const char* column, const Failure& notWritten,
                  std::ostream* stream) {
-  if (!stream->good()) {
-    throw RegisterException(ERR_FILE_WRITE, SEVERITY_ERROR, kSource, failure);
-  }
+  if (!stream->good()) notWritten.Throw();
   *stream << record.getValue(column, true);
 }
 
@@ -45,7 +37,7 @@ void WSCataProxy::RegisterAgent(const std::string& macAddress, const std::string
                                 const std::string& type, std::int64_t* agentId, std::string* login,
                                 std::string* password) const {
   if (agentId == nullptr || login == nullptr || password == nullptr) {
-    ThrowMissing("agentid, login or password is null.");
+    failures::kNoAgentOutput.Throw();
   }
   WebService ws(network_);
   RecordSet records;
@@ -72,7 +64,7 @@ void WSCataProxy::RegisterAgent(const std::string& macAddress, const std::string
 void WSCataProxy::GetRoutingTables(std::int64_t storagePoolId, std::ostream* recommended,
                                    std::ostream* current) const {
   if (recommended == nullptr || current == nullptr) {
-    ThrowMissing("recommendedrt or currentrt is null.");
+    failures::kNoTableOutput.Throw();
   }
   WebService ws(network_);
   RecordSet records;
@@ -81,13 +73,12 @@ void WSCataProxy::GetRoutingTables(std::int64_t storagePoolId, std::ostream* rec
   PCallWebService(&ws, &records);
 
   const Record& record = FirstRecord(&records);
-  WriteColumn(record, "cr_recommendedrt", "Could not write to recommended routingtable file",
-              recommended);
-  WriteColumn(record, "cr_currentrt", "Could not write to current routingtable file", current);
+  WriteColumn(record, "cr_recommendedrt", failures::kRecommendedTableNotWritten, recommended);
+  WriteColumn(record, "cr_currentrt", failures::kCurrentTableNotWritten, current);
 }
 
 void WSCataProxy::GetConfigFile(std::int64_t agentId, int templateId, std::ostream* out) const {
-  if (out == nullptr) ThrowMissing("configfilestr is null");
+  if (out == nullptr) failures::kNoConfigFileOutput.Throw();
   WebService ws(network_);
   RecordSet records;
   PPrepareWebService(&ws, "ws_configfile.php");
@@ -96,7 +87,7 @@ void WSCataProxy::GetConfigFile(std::int64_t agentId, int templateId, std::ostre
   ws.field("configfiletemplateid", std::int64_t{templateId});
   PCallWebService(&ws, &records);
 
-  WriteColumn(FirstRecord(&records), "returnvalue", "Could not write to configuration file", out);
+  WriteColumn(FirstRecord(&records), "returnvalue", failures::kConfigFileNotStored, out);
 }
 
 void WSCataProxy::CreateDataSelection(const std::string& agentId, const std::string& dsTypeId,

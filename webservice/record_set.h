@@ -6,13 +6,17 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "support/secret.h"
+#include "support/handle.h"
 
 namespace corvel::storage::tzregister {
 
 using support::HeapText;
+
+/// A zero-terminated heap copy of `text`. Throws std::bad_alloc.
+HeapText CopyText(std::string_view text);
 
 /// One column of an answer: its name and the first character of its type.
 struct FieldDefinition {

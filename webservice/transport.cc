@@ -1,43 +1,28 @@
 #include "webservice/transport.h"
 
+#include <chrono>
 #include <utility>
 #include <vector>
 
 #include "support/curl_transfer.h"
-#include "webservice/webservice.h"
+#include "support/transfer_socket.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-std::size_t ReceiveAnswer(char* bytes, std::size_t size, std::size_t count, void* answer) {
-  return WebService::data_callback(bytes, size, count, static_cast<WebServiceBuffer*>(answer));
-}
-
-support::TransferSettings SettingsFor(const HttpRequest& request) {
-  support::TransferSettings settings;
-  settings.url = request.url;
-  settings.timeoutSeconds = request.timeoutSeconds;
-  settings.caFile = request.caFile;
-  settings.trust =
-      request.caFile.empty() ? support::ServerTrust::kUnverified : support::ServerTrust::kFile;
-  settings.sink = ReceiveAnswer;
-  return settings;
-}
-
-/// The handles of one transfer, in the order in which they depend on each
-/// other: the easy handle goes first, then its form, then the multi handle.
+/// What one transfer needs until it ends, in the order in which it depends on
+/// each other: the easy handle goes first, then its form, then the multi handle.
 struct CurlHandles {
   support::CurlMultiPtr multi;
   support::Form form;
   support::CurlEasyPtr easy;
+  std::chrono::milliseconds connectWait = support::kConnectWait;
   char errorText[CURL_ERROR_SIZE] = {};
-  bool added = false;
+  bool added = false;  ///< the easy handle is in the multi handle, ready to be sent
 
   ~CurlHandles() {
     if (added) curl_multi_remove_handle(multi.get(), easy.get());
   }
-
-  bool Prepare(const HttpRequest& request, WebServiceBuffer* answer);
 };
 
 bool AddFields(const FormFields& fields, support::Form* form) {
@@ -47,27 +32,36 @@ bool AddFields(const FormFields& fields, support::Form* form) {
   return true;
 }
 
-bool CurlHandles::Prepare(const HttpRequest& request, WebServiceBuffer* answer) {
-  multi.reset(curl_multi_init());
-  if (multi == nullptr) return false;
-  easy.reset(curl_easy_init());
-  if (easy == nullptr) return false;
-  if (request.form != nullptr && !(AddFields(*request.form, &form) && form.Attach(easy.get()))) {
-    return false;
-  }
-  support::TransferSettings settings = SettingsFor(request);
-  settings.sinkTarget = answer;
-  settings.errorText = errorText;
-  if (!support::ConfigureTransfer(easy.get(), settings)) return false;
-  added = curl_multi_add_handle(multi.get(), easy.get()) == CURLM_OK;
-  return added;
+support::TransferSettings SettingsFor(const HttpRequest& request, WebServiceBuffer* answer,
+                                      CurlHandles* handles) {
+  support::TransferSettings settings;
+  settings.url = request.url;
+  if (request.form != nullptr) settings.form = &handles->form;
+  settings.answer = answer;
+  settings.verification = request.verification;
+  settings.timeoutSeconds = request.timeoutSeconds;
+  settings.errorText = handles->errorText;
+  return settings;
+}
+
+/// Makes the transfer ready to be sent; `handles->added` says whether it is.
+void SetUp(const HttpRequest& request, WebServiceBuffer* answer, CURLSH* share,
+           CurlHandles* handles) {
+  if (request.form != nullptr && !AddFields(*request.form, &handles->form)) return;
+  if (!ConfigureTransfer(handles->easy.get(), SettingsFor(request, answer, handles))) return;
+  if (!support::ConfigurePolling(handles->easy.get(), {share, &handles->connectWait})) return;
+  handles->added = curl_multi_add_handle(handles->multi.get(), handles->easy.get()) == CURLM_OK;
 }
 
 class CurlTransfer final : public HttpTransfer {
  public:
   explicit CurlTransfer(std::unique_ptr<CurlHandles> handles) : handles_(std::move(handles)) {}
 
-  int Perform(int* running) override { return curl_multi_perform(handles_->multi.get(), running); }
+  int Perform(int* running) override {
+    if (handles_->added) return curl_multi_perform(handles_->multi.get(), running);
+    *running = 0;
+    return CURLM_INTERNAL_ERROR;
+  }
 
   HttpOutcome Finish() override {
     HttpOutcome outcome;
@@ -79,6 +73,7 @@ class CurlTransfer final : public HttpTransfer {
     curl_multi_remove_handle(handles_->multi.get(), handles_->easy.get());
     handles_->added = false;
     curl_easy_getinfo(handles_->easy.get(), CURLINFO_RESPONSE_CODE, &outcome.responseCode);
+    handles_.reset();
     return outcome;
   }
 
@@ -92,37 +87,55 @@ class CurlTransfer final : public HttpTransfer {
   std::unique_ptr<CurlHandles> handles_;
 };
 
+/// Null when there is none to be had: each request then does everything anew.
+support::CurlSharePtr MakeShare() {
+  support::CurlSharePtr share(curl_share_init());
+  if (share == nullptr) return nullptr;
+  for (const curl_lock_data kept : {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_DNS}) {
+    curl_share_setopt(share.get(), CURLSHOPT_SHARE, kept);
+  }
+  return share;
+}
+
 class CurlTransport final : public HttpTransport {
  public:
   std::unique_ptr<HttpTransfer> Start(const HttpRequest& request,
                                       WebServiceBuffer* answer) override {
     auto handles = std::make_unique<CurlHandles>();
-    if (!handles->Prepare(request, answer)) return nullptr;
+    handles->multi.reset(curl_multi_init());
+    if (handles->multi == nullptr) return nullptr;
+    handles->easy.reset(curl_easy_init());
+    if (handles->easy == nullptr) return nullptr;
+    if (share_ == nullptr) share_ = MakeShare();
+    SetUp(request, answer, share_.get(), handles.get());
     return std::make_unique<CurlTransfer>(std::move(handles));
   }
+
+ private:
+  support::CurlSharePtr share_;
+};
+
+class SystemChannel final : public RequestChannel {
+ public:
+  WSHandle* Init(const char* url, const char* login, const char* password, const char* keydir,
+                 int flags) override {
+    return WSInit(url, login, password, keydir, flags);
+  }
+
+  int Request(WSHandle* handle, int kind, WSReply* reply, const char* parameter, const char* text,
+              int flags) override {
+    return WSRequestExt(handle, kind, reply, parameter, text, flags);
+  }
+
+  void Shutdown(WSHandle* handle) override { WSShutdown(handle); }
 };
 
 }  // namespace
 
-HttpTransport& HttpTransport::Curl() {
-  static CurlTransport transport;
-  return transport;
-}
-
-WSHandle* RequestChannel::Init(const char* url, const char* login, const char* password,
-                               const char* keydir, int flags) {
-  return WSInit(url, login, password, keydir, flags);
-}
-
-int RequestChannel::Request(WSHandle* handle, int kind, WSReply* reply, const char* parameter,
-                            const char* text, int flags) {
-  return WSRequestExt(handle, kind, reply, parameter, text, flags);
-}
-
-void RequestChannel::Shutdown(WSHandle* handle) { WSShutdown(handle); }
+std::unique_ptr<HttpTransport> HttpTransport::Curl() { return std::make_unique<CurlTransport>(); }
 
 RequestChannel& RequestChannel::System() {
-  static RequestChannel channel;
+  static SystemChannel channel;
   return channel;
 }
 

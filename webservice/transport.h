@@ -8,6 +8,7 @@
 #include "support/channel.h"
 #include "support/clock.h"
 #include "support/receive_buffer.h"
+#include "support/server_trust.h"
 
 namespace corvel::storage::tzregister {
 
@@ -21,8 +22,8 @@ using WebServiceBuffer = support::ReceiveBuffer;
 struct HttpRequest {
   std::string url;
   const FormFields* form = nullptr;  ///< borrowed; null for a plain GET without a body
-  std::string caFile;                ///< PEM file to verify the server by; empty: unverified
-  int timeoutSeconds = 0;            ///< for connecting, and for the transfer as a whole
+  support::Verification verification;
+  int timeoutSeconds = 0;  ///< for connecting, and for the transfer as a whole
 };
 
 /// How a transfer ended.
@@ -37,15 +38,19 @@ class HttpTransfer {
   virtual ~HttpTransfer() = default;
 
   /// Does what can be done at once, without waiting. Stores the number of
-  /// transfers that still run in `*running`. Returns libcurl's multi code.
+  /// transfers that still run in `*running`. Returns libcurl's multi code; a
+  /// transfer that may not be sent as it was set up ends here with a code other
+  /// than CURLM_OK.
   virtual int Perform(int* running) = 0;
 
-  /// Reads the outcome of the finished transfer.
+  /// Reads the outcome of the finished transfer and cleans up. To be called
+  /// once, as the last call.
   virtual HttpOutcome Finish() = 0;
 
   /// Lets go of the transfer without cleaning up: that could wait for a name
   /// look-up which is still under way. What it holds stays until the process
-  /// ends; the answer's buffer is not touched any more.
+  /// ends; the answer's buffer is not touched any more. To be called as the last
+  /// call.
   virtual void Abandon() = 0;
 };
 
@@ -59,20 +64,21 @@ class HttpTransport {
   virtual std::unique_ptr<HttpTransfer> Start(const HttpRequest& request,
                                               WebServiceBuffer* answer) = 0;
 
-  /// libcurl. It has no state and lives as long as the process.
-  static HttpTransport& Curl();
+  /// libcurl. Connections and looked-up names are kept from request to request
+  /// until it goes. Requests that were abandoned may outlive it.
+  static std::unique_ptr<HttpTransport> Curl();
 };
 
-/// The storage product's request channel, behind a seam; each operation is that
-/// of support/channel.h.
+/// The storage product's request channel; each operation is that of
+/// support/channel.h.
 class RequestChannel {
  public:
   virtual ~RequestChannel() = default;
   virtual WSHandle* Init(const char* url, const char* login, const char* password,
-                         const char* keydir, int flags);
+                         const char* keydir, int flags) = 0;
   virtual int Request(WSHandle* handle, int kind, WSReply* reply, const char* parameter,
-                      const char* text, int flags);
-  virtual void Shutdown(WSHandle* handle);
+                      const char* text, int flags) = 0;
+  virtual void Shutdown(WSHandle* handle) = 0;
 
   /// The channel itself. It has no state and lives as long as the process.
   static RequestChannel& System();
@@ -82,7 +88,7 @@ class RequestChannel {
 /// outlive whoever holds a copy.
 struct Network {
   support::Clock* clock = &support::Clock::System();
-  HttpTransport* http = &HttpTransport::Curl();
+  HttpTransport* http = nullptr;
   RequestChannel* channel = &RequestChannel::System();
 };
 

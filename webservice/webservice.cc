@@ -4,11 +4,14 @@
 
 #include <cstring>
 #include <ctime>
-#include <iostream>
-#include <sstream>
+#include <memory>
 
 #include "support/bounded_text.h"
+#include "support/diagnostic.h"
+#include "support/handle.h"
+#include "support/secret.h"
 #include "support/server_trust.h"
+#include "webservice/answer_parser.h"
 
 namespace corvel::storage::tzregister {
 namespace {
@@ -19,23 +22,12 @@ constexpr std::size_t kKeydirBytes = 5012;
 constexpr int kChannelRequestKind = 13;
 constexpr char kChannelParameter[] = "action";
 
-int Fail(const char* message) {
-  std::cerr << message << std::endl;
-  return -1;
-}
-
 /// A request as the channel carries it: credentials beside the text.
 struct ChannelRequest {
   std::string login;
-  std::string password;
+  support::Secret password;
   std::string keydir;
   std::string text;
-
-  ~ChannelRequest() {
-    support::WipeText(&login);
-    support::WipeText(&password);
-    support::WipeText(&text);
-  }
 };
 
 void AppendPair(const std::string& name, const std::string& value, std::string* text) {
@@ -49,7 +41,7 @@ ChannelRequest SplitFields(const FormFields& fields) {
     if (name == "login") {
       request.login = value;
     } else if (name == "passwd") {
-      request.password = value;
+      request.password = support::Secret(value);
     } else if (name == "keydir") {
       request.keydir = value;
     } else if (name == "action") {
@@ -72,10 +64,6 @@ using ChannelPtr = std::unique_ptr<WSHandle, ChannelCloser>;
 
 WebService::WebService(const Network& network) : network_(network) {}
 
-WebService::~WebService() {
-  for (auto& field : fields) support::WipeText(&field.second);
-}
-
 int WebService::field(const char* name, const char* value) {
   hasFields = true;
   fields.emplace(name, value);
@@ -83,36 +71,41 @@ int WebService::field(const char* name, const char* value) {
 }
 
 int WebService::field(const char* name, std::int64_t value) {
-  std::ostringstream text;
-  text << value;
-  return field(name, text.str().c_str());
+  return field(name, std::to_string(value).c_str());
 }
 
 int WebService::get(long* httpCode) {
   *httpCode = 0;
-  if (url.empty()) return Fail("No URL specified");
-  buffer.Release();
-  return url.rfind(kChannelScheme, 0) == 0 ? GetByChannel() : GetByHttp(httpCode);
+  const char* const failure = Send(httpCode);
+  if (failure == nullptr) return 0;
+  support::PrintDiagnostic(failure);
+  return -1;
 }
 
-int WebService::GetByHttp(long* httpCode) {
+const char* WebService::Send(long* httpCode) {
+  if (url.empty()) return "No URL specified";
+  buffer.Release();
+  return url.rfind(kChannelScheme, 0) == 0 ? SendByChannel() : SendByHttp(httpCode);
+}
+
+const char* WebService::SendByHttp(long* httpCode) {
   HttpRequest request;
   request.url = url;
   request.form = hasFields ? &fields : nullptr;
-  if (supportTWLXSSLVerify() != 0) request.caFile = support::ServerCertificateFile(url);
+  request.verification = support::VerificationOf(url);
   request.timeoutSeconds = timeout;
   const std::unique_ptr<HttpTransfer> transfer = network_.http->Start(request, &buffer);
-  if (transfer == nullptr) return Fail("Can't initialize webservice network layer");
+  if (transfer == nullptr) return "Can't initialize webservice network layer";
 
   int performResult = CURLM_OK;
   if (!WaitForTransfer(transfer.get(), &performResult)) {
     transfer->Abandon();
-    return Fail("Webservice call timed out. (curl call did not)");
+    return "Webservice call timed out. (curl call did not)";
   }
   const HttpOutcome outcome = transfer->Finish();
   *httpCode = outcome.responseCode;
-  if (performResult == CURLM_OK && outcome.transferResult == CURLE_OK) return 0;
-  return Fail("Network error during webservice call");
+  const bool sent = performResult == CURLM_OK && outcome.transferResult == CURLE_OK;
+  return sent ? nullptr : "Network error during webservice call";
 }
 
 /// Polls until the transfer has ended; false when the deadline passed first.
@@ -129,32 +122,33 @@ bool WebService::WaitForTransfer(HttpTransfer* transfer, int* performResult) con
   return false;
 }
 
-int WebService::GetByChannel() {
+const char* WebService::SendByChannel() {
   const ChannelRequest request = SplitFields(fields);
   char keydir[kKeydirBytes];
   support::BoundedCopy(keydir, sizeof(keydir), request.keydir.c_str());
+  const ChannelPtr handle(network_.channel->Init(url.c_str(), request.login.c_str(),
+                                                 request.password.text().c_str(), keydir, 0),
+                          ChannelCloser{network_.channel});
+  if (handle == nullptr) return "Can't initialize webservice.";
   WSReply reply;
-  int result = 0;
-  {
-    const ChannelPtr handle(network_.channel->Init(url.c_str(), request.login.c_str(),
-                                                   request.password.c_str(), keydir, 0),
-                            ChannelCloser{network_.channel});
-    if (handle == nullptr) return Fail("Can't initialize webservice.");
-    result = network_.channel->Request(handle.get(), kChannelRequestKind, &reply, kChannelParameter,
-                                       request.text.c_str(), 0);
-  }
-  const HeapText text(reply.text);
-  if (result != 0) return Fail("Request failed.");
-  if (reply.status != 0) return Fail("return status failed.");
+  const int result = network_.channel->Request(handle.get(), kChannelRequestKind, &reply,
+                                               kChannelParameter, request.text.c_str(), 0);
+  const support::HeapText text(reply.text);
+  if (result != 0) return "Request failed.";
+  if (reply.status != 0) return "return status failed.";
   if (text != nullptr) data_callback(text.get(), 1, std::strlen(text.get()), &buffer);
-  return 0;
+  return nullptr;
 }
 
-std::size_t WebService::data_callback(char* ptr, std::size_t size, std::size_t nmemb,
-                                      WebServiceBuffer* userdata) {
-  if (userdata == nullptr) return 0;
-  const std::size_t count = size * nmemb;
-  return userdata->Append(ptr, count) ? count : 0;
+int WebService::parse(RecordSet* records) const {
+  if (buffer.data == nullptr) return -1;
+  const support::HeapText copy(strdup(buffer.data));
+  if (copy == nullptr) {
+    support::PrintDiagnostic(
+        "Could not convert webservice result to wide character string from UTF-8: %m.");
+    return -1;
+  }
+  return ParseAnswer(copy.get(), records);
 }
 
 }  // namespace corvel::storage::tzregister

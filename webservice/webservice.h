@@ -11,14 +11,12 @@
 namespace corvel::storage::tzregister {
 
 /// One request to a page of the Storage Pool Authority and the text of its
-/// answer: add fields, get, parse, destroy. The fields' values and the answer are
-/// wiped when it goes. For use by one thread.
+/// answer: add fields, get, parse, destroy. For use by one thread.
 class WebService {
  public:
   /// `network` says through what the request goes; what it points to must
   /// outlive the object.
-  explicit WebService(const Network& network = Network());
-  ~WebService();
+  explicit WebService(const Network& network);
   WebService(const WebService&) = delete;
   WebService& operator=(const WebService&) = delete;
 
@@ -38,16 +36,13 @@ class WebService {
   /// 0 when there was none. Does not throw but for std::bad_alloc.
   int get(long* httpCode);
 
-  /// Reads the received text into `*records`. Returns 0 for a table of records
-  /// and for an error block, -1 for anything else.
+  /// Reads the received text into `*records`, which is expected to be empty.
+  /// Returns 0 for a table of records and for an error block, -1 for anything
+  /// else; after a line on standard error when memory is short.
   int parse(RecordSet* records) const;
 
-  /// libcurl's write function: appends size * nmemb bytes to `*userdata` and
-  /// returns that number. Returns 0, which ends the transfer, when `userdata` is
-  /// null, memory is short or the answer is longer than is accepted; the buffer
-  /// is empty then.
-  static std::size_t data_callback(char* ptr, std::size_t size, std::size_t nmemb,
-                                   WebServiceBuffer* userdata);
+  /// libcurl's write function; see support/receive_buffer.h.
+  static constexpr auto& data_callback = support::data_callback;
 
   FormFields fields;
   bool hasFields = false;  ///< set by every call of `field`
@@ -58,8 +53,11 @@ class WebService {
   std::int32_t httpStatus = 0;     ///< shown in failure reports; `get` leaves it alone
 
  private:
-  int GetByHttp(long* httpCode);
-  int GetByChannel();
+  // Each returns null once the answer is in the buffer, else the line that says
+  // why it is not.
+  const char* Send(long* httpCode);
+  const char* SendByHttp(long* httpCode);
+  const char* SendByChannel();
   bool WaitForTransfer(HttpTransfer* transfer, int* performResult) const;
 
   Network network_;

@@ -6,7 +6,8 @@
 #include <ostream>
 #include <string>
 
-#include "frontend/parsed_options.h"
+#include "support/parsed_options.h"
+#include "support/secret.h"
 #include "webservice/webservice.h"
 
 namespace corvel::storage::tzregister {
@@ -20,17 +21,16 @@ namespace corvel::storage::tzregister {
 /// on standard error that belong to it; the calls block until the answer is
 /// there or its deadline has passed. Nothing is retried and nothing is kept
 /// from one call to the next.
-class WSCataProxy : private ParsedOptions {
+class WSCataProxy {
  public:
   /// Keeps a copy of `options`. What `network` points to must outlive the proxy.
   explicit WSCataProxy(const boost::program_options::variables_map& options,
-                       const Network& network = Network());
-  ~WSCataProxy();
+                       const Network& network);
   WSCataProxy(const WSCataProxy&) = delete;
   WSCataProxy& operator=(const WSCataProxy&) = delete;
 
   /// Stores the account of an installed component; an empty `url` stands for none.
-  void StoreCredentials(const std::string& url, const std::string& login, const std::string& passwd,
+  void StoreCredentials(const std::string& url, const std::string& login, support::Secret passwd,
                         const std::string& keydir);
 
   /// Succeeds when the authority answers with a table of its storage pools.
@@ -72,21 +72,22 @@ class WSCataProxy : private ParsedOptions {
   static void PCallWebService(WebService* ws, RecordSet* records);
 
  private:
-  /// Where and as whom to call.
+  /// Where and as whom to call. The password is borrowed.
   struct Account {
     std::string address;
     std::string login;
-    std::string password;
+    const support::Secret* password;
   };
 
   /// The password of the password file, empty when none is to be read.
-  std::string PasswordFromFile() const;
-  Account OptionAccount(const std::string& filePassword) const;
-  Account StoredAccount(const std::string& filePassword) const;
+  support::Secret PasswordFromFile() const;
+  Account OptionAccount(const support::Secret& filePassword) const;
+  Account StoredAccount(const support::Secret& filePassword) const;
 
+  support::ParsedOptions options_;
   std::string url_;
   std::string login_;
-  std::string passwd_;
+  support::Secret passwd_;
   std::string keydir_;
   Network network_;
 };

@@ -31,7 +31,7 @@ final class AgentActions
     }
 
     /** Registers a host and gives it an id and a system account with a fresh password. */
-    public function register(Request $request, Caller $caller): string
+    public function register(Request $request, Caller $caller): \Closure
     {
         $caller->requireAdministrator('register agents');
         $id = $request->fields->number('agentid');
@@ -39,19 +39,30 @@ final class AgentActions
         $password = Accounts::freshPassword();
         // Hashing is slow on purpose: it is done before the file is locked.
         $hash = Accounts::hash($password);
-        $id = $this->store->atomically(fn (): int => $this->enrol($id, $properties, $hash));
-        return Answer::data(
-            ['agentid' => 'I', 'login' => 'S', 'password' => 'S'],
-            [[$id, Accounts::systemLogin($id), $password]]
-        );
+        return function () use ($id, $properties, $password, $hash): string {
+            $id = $this->enrol($id, $properties, $hash);
+            return Answer::data(
+                ['agentid' => 'I', 'login' => 'S', 'password' => 'S'],
+                [[$id, Accounts::systemLogin($id), $password]]
+            );
+        };
     }
 
     /** The recommended and the current routing table of a pool. */
-    public function getRoutingTables(Request $request, Caller $caller): string
+    public function getRoutingTables(Request $request, Caller $caller): \Closure
     {
         $pool = $request->fields->number('storagepoolId');
-        if ($request->fields->has('id')) {
-            $this->requireKnownAgent($request->fields->number('id'), $caller);
+        $agent = $request->fields->has('id') ? $request->fields->number('id') : null;
+        if ($agent !== null) {
+            $caller->requireAgent($agent);
+        }
+        return fn (): string => $this->tables($pool, $agent);
+    }
+
+    private function tables(int $pool, ?int $agent): string
+    {
+        if ($agent !== null) {
+            $this->requireAgent($agent);
         }
         $tables = $this->store->pool($pool)
             ?? throw new Refusal(Fault::NotFound, "There is no storage pool with the id $pool.");
@@ -77,7 +88,7 @@ final class AgentActions
         $host = $properties['host_name'];
         $known = $this->store->agentOfHost($host);
         if ($id > 0) {
-            $this->store->agent($id) ?? throw new Refusal(Fault::NotFound, "There is no agent with the id $id.");
+            $this->requireAgent($id);
             if ($known !== null && $known['id'] !== $id) {
                 throw new Refusal(Fault::Conflict, "The host \"$host\" is registered as another agent.");
             }
@@ -87,9 +98,8 @@ final class AgentActions
         return $id;
     }
 
-    private function requireKnownAgent(int $id, Caller $caller): void
+    private function requireAgent(int $id): void
     {
-        $caller->requireAgent($id);
         $this->store->agent($id) ?? throw new Refusal(Fault::NotFound, "There is no agent with the id $id.");
     }
 }

@@ -21,16 +21,15 @@ final class ChannelText
         self::require(($server['HTTP_X_QUORVEX_REQUEST_KIND'] ?? '') === self::REQUEST_KIND, 'Unknown request kind.');
         self::require(($server['HTTP_X_QUORVEX_PARAMETER'] ?? '') === self::PARAMETER, 'Unknown parameter name.');
         self::require($text !== '', 'The request holds no text.');
-        return new Fields(self::split($text) + [
-            'login' => $server['PHP_AUTH_USER'] ?? '',
-            'passwd' => $server['PHP_AUTH_PW'] ?? '',
-        ]);
+        $credentials = ['login' => $server['PHP_AUTH_USER'] ?? '', 'passwd' => $server['PHP_AUTH_PW'] ?? ''];
+        return new Fields(self::split($text) + $credentials, isComplete: true);
     }
 
     /**
      * The text has no escapes, so a "&" inside a value shows only as a piece
-     * without "=" or as a second field of one name: both are refused, lest a
-     * value is cut short or stands in for another field.
+     * without "=", as a second field of one name or as a field that the action
+     * does not know: all are refused (the last by Fields::finish), lest a value
+     * is cut short or stands in for another field.
      *
      * @return array<string, string>
      */

@@ -17,17 +17,23 @@ final class ConfigFileActions
     }
 
     /** The configuration file of one component, with the authority's address and the agent's id filled in. */
-    public function create(Request $request, Caller $caller): string
+    public function create(Request $request, Caller $caller): \Closure
     {
         $agent = $request->fields->number('agentid');
         $template = $request->fields->number('configfiletemplateid');
         $caller->requireAgent($agent);
+        $url = $request->url();
+        return fn (): string => $this->file($template, $agent, $url);
+    }
+
+    private function file(int $template, int $agent, string $url): string
+    {
         if ($agent !== self::NO_AGENT && $this->store->agent($agent) === null) {
             throw new Refusal(Fault::NotFound, "There is no agent with the id $agent.");
         }
         $content = $this->store->template($template)['content']
             ?? throw new Refusal(Fault::NotFound, "There is no configuration file template with the id $template.");
-        return Answer::data(['returnvalue' => 'S'], [[self::fillIn($content, $request->url(), $agent)]]);
+        return Answer::data(['returnvalue' => 'S'], [[self::fillIn($content, $url, $agent)]]);
     }
 
     private static function fillIn(string $content, string $url, int $agent): string

@@ -10,9 +10,17 @@ final class Fields
     /** @var array<string, string> what actions have taken so far */
     private array $taken = [];
 
-    /** @param array<array-key, mixed> $values as they came in, not yet checked */
-    public function __construct(#[\SensitiveParameter] private readonly array $values)
-    {
+    /** @var array<string, true> the names that somebody has asked for and that are there */
+    private array $known = [];
+
+    /**
+     * @param array<array-key, mixed> $values as they came in, not yet checked
+     * @param bool $isComplete whether all of them must be known
+     */
+    public function __construct(
+        #[\SensitiveParameter] private readonly array $values,
+        private readonly bool $isComplete = false
+    ) {
     }
 
     public function isEmpty(): bool
@@ -31,6 +39,7 @@ final class Fields
         if (!$this->has($name)) {
             throw new Refusal(Fault::BadField, "The field \"$name\" is missing.");
         }
+        $this->known[$name] = true;
         if (!is_string($this->values[$name])) {
             throw new Refusal(Fault::BadField, "The field \"$name\" must be given once, as a text.");
         }
@@ -57,6 +66,21 @@ final class Fields
     public function number(string $name): int
     {
         return (int) $this->text($name, FieldKind::Number);
+    }
+
+    /**
+     * Called when an action has read all that it knows. What else is there came
+     * about by a "&" in a value, which the request text cannot express: the
+     * value would be cut short. The name is not repeated, being part of a value.
+     */
+    public function finish(): void
+    {
+        if ($this->isComplete && array_diff_key($this->values, $this->known) !== []) {
+            throw new Refusal(
+                Fault::BadField,
+                'The request text has a field that its action does not know; no value may hold a "&".'
+            );
+        }
     }
 
     /**

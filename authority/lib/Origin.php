@@ -5,36 +5,44 @@ declare(strict_types=1);
 namespace Quorvex\Authority;
 
 /**
- * The address under which a client reached the authority. A TLS front on this
- * machine tells it by X-Forwarded-Proto and X-Forwarded-Host; from any other
- * peer these headers count for nothing, for anyone could send them.
+ * The address under which a client reached the authority. The server that runs
+ * PHP tells it; a front on this machine tells it better, by X-Forwarded-Proto,
+ * X-Forwarded-Host and X-Forwarded-Prefix. From any other peer these headers
+ * count for nothing, for anyone could send them.
  */
 final class Origin
 {
     /** Host name, IPv4 address or bracketed IPv6 address, with an optional port. */
     private const HOST = '/^([A-Za-z0-9._-]{1,255}|\[[0-9A-Fa-f:.]{2,45}\])(:[0-9]{1,5})?$/D';
 
+    /** A path, or none, of characters that mean nothing else in an address or a configuration file. */
+    private const PREFIX = '#^((/[A-Za-z0-9._~%-]+)*)/?$#D';
+
     /** @param array<string, mixed> $server the server variables of the request */
     public function __construct(private readonly array $server)
     {
     }
 
-    /** True when a TLS front on this machine passed the request on. */
+    /** True when the client came by TLS, to this server or to a front on this machine. */
     public function isEncrypted(): bool
     {
-        return $this->forwarded('HTTP_X_FORWARDED_PROTO') === 'https';
+        $proto = $this->forwarded('HTTP_X_FORWARDED_PROTO');
+        return $proto !== null
+            ? $proto === 'https'
+            : !in_array(strtolower($this->server['HTTPS'] ?? ''), ['', 'off'], true);
     }
 
-    /** "http://host[:port]" or "https://host[:port]". */
+    /** "http://host[:port][/path]" or "https://host[:port][/path]", the pages' names left out. */
     public function webUrl(): string
     {
-        return ($this->isEncrypted() ? 'https://' : 'http://') . $this->host();
+        return ($this->isEncrypted() ? 'https://' : 'http://') . $this->host() . $this->prefix();
     }
 
-    /** "vrmo://host[:port]". */
+    /** "vrmo://host[:port]"; with the page when a path leads to it, because clients complete none. */
     public function channelUrl(): string
     {
-        return 'vrmo://' . $this->host();
+        $prefix = $this->prefix();
+        return 'vrmo://' . $this->host() . ($prefix === '' ? '' : "$prefix/" . basename($this->server['SCRIPT_NAME']));
     }
 
     private function host(): string
@@ -44,6 +52,16 @@ final class Origin
             throw new Refusal(Fault::BadRequest, 'The request does not name the host that it is meant for.');
         }
         return $host;
+    }
+
+    /** The path in front of the pages: what a front has taken off the address, then what this server mounts them at. */
+    private function prefix(): string
+    {
+        if (preg_match(self::PREFIX, $this->forwarded('HTTP_X_FORWARDED_PREFIX') ?? '', $removed) !== 1) {
+            throw new Refusal(Fault::BadRequest, 'The request does not name the path that leads to the page.');
+        }
+        $steps = array_slice(explode('/', $this->server['SCRIPT_NAME'] ?? ''), 0, -1);
+        return $removed[1] . implode('/', array_map(rawurlencode(...), $steps));
     }
 
     private function forwarded(string $header): ?string

@@ -14,6 +14,9 @@ final class Store
     /** How long a request waits for one that is writing. */
     private const BUSY_TIMEOUT_MS = 20000;
 
+    /** How many requests the log keeps: the last ones. */
+    private const LOGGED_REQUESTS = 10000;
+
     /** Longest piece of a field that the request log keeps. */
     private const LOGGED_CHARACTERS = 200;
 
@@ -72,6 +75,9 @@ final class Store
     /** Opens the file in a data directory; it must be there, made by create(). */
     public static function open(string $directory, bool $readOnly = false): self
     {
+        if (!extension_loaded('pdo_sqlite')) {
+            throw new \RuntimeException('PHP has no SQLite (Debian package php-sqlite3)');
+        }
         $mode = $readOnly ? PDO::SQLITE_OPEN_READONLY : PDO::SQLITE_OPEN_READWRITE;
         $database = new PDO("sqlite:$directory/" . self::FILE, null, null, [
             PDO::SQLITE_ATTR_OPEN_FLAGS => $mode,
@@ -110,8 +116,17 @@ final class Store
             $this->database->exec('COMMIT');
             return $result;
         } catch (\Throwable $failure) {
-            $this->database->exec('ROLLBACK');
+            $this->rollBack();
             throw $failure;
+        }
+    }
+
+    /** Ends the transaction, unless SQLite has done so itself, as it does when the disk is full. */
+    private function rollBack(): void
+    {
+        try {
+            $this->database->exec('ROLLBACK');
+        } catch (\PDOException) {
         }
     }
 
@@ -206,7 +221,11 @@ final class Store
         return $added->rowCount() === 1 ? (int) $this->database->lastInsertId() : null;
     }
 
-    /** @param array<string, string> $fields none of them secret */
+    /**
+     * Adds a line to the log of requests, and drops the line that is one too many.
+     *
+     * @param array<string, string> $fields none of them secret
+     */
     public function logRequest(string $page, string $action, string $login, array $fields, string $outcome): void
     {
         $pieces = [];
@@ -217,6 +236,7 @@ final class Store
             'INSERT INTO requests (page, action, login, fields, outcome) VALUES (?, ?, ?, ?, ?)',
             [$page, $action, $login, implode(' ', $pieces), $outcome]
         );
+        $this->run('DELETE FROM requests WHERE id <= ?', [$this->database->lastInsertId() - self::LOGGED_REQUESTS]);
     }
 
     /** @return array<string, mixed>|null */

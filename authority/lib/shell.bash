@@ -1,6 +1,19 @@
 # shellcheck shell=bash
-# What "serve" and "serve-tls" share: a server that runs as a process group
-# of its own and ends with the script that started it.
+# What the scripts share: the programs that they need, and a server that runs
+# as a process group of its own and ends with the script that started it.
+
+# fail MESSAGE: ends the script with a message under its name.
+fail() {
+  printf '%s: %s\n' "${0##*/}" "$1" >&2
+  exit 1
+}
+
+# require_program NAME PACKAGE: fails unless the program is there. Debian keeps
+# servers in sbin, which an ordinary user's PATH leaves out.
+PATH=$PATH:${PATH//\/bin/\/sbin}
+require_program() {
+  command -v "$1" >/dev/null || fail "$1 is not installed (Debian package $2)"
+}
 
 readonly POLL_INTERVAL_S=0.05
 readonly ANSWER_TIMEOUT_S=5
@@ -20,13 +33,20 @@ answers() {
   ) 2>/dev/null
 }
 
+# take_directory DIR: fails when another script has taken it. It is given up
+# when this script ends, however it ends: its children close "taken".
+take_directory() {
+  exec {taken}<"$1"
+  flock --nonblock "$taken" || fail "another server runs on $1"
+}
+
 # end_with_this_script GROUP: the group gets TERM when this script is told to
 # stop or ends by itself, and also when it is killed: then the pipe that it
 # holds open closes without a word, and the reader at its other end steps in.
 end_with_this_script() {
   group=$1
   exec {alive}> >(
-    exec >/dev/null 2>&1
+    exec >/dev/null 2>&1 {taken}<&-
     trap '' TERM INT HUP
     read -r _ || kill -TERM -- "-$group"
   )

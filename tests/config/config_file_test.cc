@@ -8,45 +8,39 @@
 #include <streambuf>
 #include <string>
 
-#include "tests/testing/output_capture.h"
+#include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"
 
 namespace corvel::storage::tzconfig {
 namespace {
 
-using storage::testing::Captured;
-using storage::testing::CapturedCall;
-using storage::testing::TempDirectory;
+using namespace storage::testing;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 const TZConfigFile kFile("in.cfg", "out.cfg");
+
+// What the operations return, by its number: callers know it so.
+constexpr int kRefused = -1;
+constexpr int kBrokenLine = -2;
+constexpr int kNoStream = -4;
 
 std::int32_t Load(const std::string& text, TZConfig* config) {
   std::istringstream stream(text);
   return kFile.LoadConfig(&stream, config);
 }
 
-/// `call` must return `result`, print `err` on standard error and nothing else.
-template <typename Call>
-void ExpectOutcome(const Call& call, std::int32_t result, const std::string& err) {
-  const CapturedCall outcome = Captured(call);
-  EXPECT_EQ(outcome.result, result);
-  EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(outcome.err, err);
-}
-
 /// The text that `config` is written as.
 std::string Dump(TZConfig* config) {
   std::ostringstream stream;
-  EXPECT_EQ(kFile.DumpConfig(&stream, config), kSuccess);
+  EXPECT_EQ(kFile.DumpConfig(&stream, config), 0);
   return stream.str();
 }
 
 /// What reading `text`, which must be valid, and writing it again gives.
 std::string Rewritten(const std::string& text) {
   TZConfig config;
-  EXPECT_EQ(Load(text, &config), kSuccess);
+  EXPECT_EQ(Load(text, &config), 0);
   return Dump(&config);
 }
 
@@ -106,13 +100,14 @@ TEST(TZConfigFileReader, RefusesLinesThatAreNotOfTheFormat) {
   for (const LineCase& line : kCases) {
     SCOPED_TRACE(line.text);
     TZConfig config;
-    ExpectOutcome([&] { return Load(line.text, &config); }, kInvalidLine, line.message);
+    ExpectResult(OutcomeOf([&] { return Load(line.text, &config); }), kBrokenLine, "",
+                 line.message);
   }
 }
 
 TEST(TZConfigFileReader, StopsAtTheFirstInvalidLineAndKeepsWhatCameBefore) {
   TZConfig config;
-  EXPECT_EQ(Load("[s]\na=1\nbroken\nb=2\n[t]\n", &config), kInvalidLine);
+  EXPECT_EQ(Load("[s]\na=1\nbroken\nb=2\n[t]\n", &config), kBrokenLine);
   EXPECT_EQ(Dump(&config), "[s]\na=1\n");
 }
 
@@ -128,7 +123,7 @@ TEST(TZConfigFileReader, TakesASectionsNameAsItStands) {
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.line);
     TZConfig config;
-    EXPECT_EQ(Load(row.line, &config), kSuccess);
+    EXPECT_EQ(Load(row.line, &config), 0);
     EXPECT_THAT(config.SectionOrder(), ElementsAre(row.name));
   }
 }
@@ -161,7 +156,7 @@ TEST(TZConfigFileReader, TrimsSpacesAndTabsOfKeyAndValue) {
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.line);
     TZConfig config;
-    EXPECT_EQ(Load(std::string("[s]\n") + row.line, &config), kSuccess);
+    EXPECT_EQ(Load(std::string("[s]\n") + row.line, &config), 0);
     EXPECT_EQ(OnlyOption(&config).first, row.key);
     EXPECT_EQ(OnlyOption(&config).second.value, row.value);
     EXPECT_EQ(OnlyOption(&config).second.comment, "");
@@ -171,7 +166,7 @@ TEST(TZConfigFileReader, TrimsSpacesAndTabsOfKeyAndValue) {
 TEST(TZConfigFileReader, KeepsZeroBytes) {
   using namespace std::string_literals;
   TZConfig config;
-  EXPECT_EQ(Load("[s]\na\0b=\0c\0"s, &config), kSuccess);
+  EXPECT_EQ(Load("[s]\na\0b=\0c\0"s, &config), 0);
   EXPECT_EQ(OnlyOption(&config).first, "a\0b"s);
   EXPECT_EQ(OnlyOption(&config).second.value, "\0c\0"s);
 }
@@ -182,7 +177,7 @@ TEST(TZConfigFileReader, LeavesOutLinesMadeOfBlanks) {
 
 TEST(TZConfigFileReader, GivesACommentBlockToTheSectionBelowIt) {
   TZConfig config;
-  EXPECT_EQ(Load("#c1\n\n#c2\n[S]\nk=v\n", &config), kSuccess);
+  EXPECT_EQ(Load("#c1\n\n#c2\n[S]\nk=v\n", &config), 0);
   EXPECT_EQ(config.GetOptionMap("S")->comment, "\n#c1\n#c2");
   EXPECT_EQ(config.GetOptionMap("S")->options["k"].comment, "");
   EXPECT_EQ(Dump(&config), "\n#c1\n#c2\n[S]\nk=v\n");
@@ -190,7 +185,7 @@ TEST(TZConfigFileReader, GivesACommentBlockToTheSectionBelowIt) {
 
 TEST(TZConfigFileReader, GivesACommentBlockToTheOptionBelowItAlone) {
   TZConfig config;
-  EXPECT_EQ(Load("[s]\n;c1\n#c2\na=1\nb=2\n", &config), kSuccess);
+  EXPECT_EQ(Load("[s]\n;c1\n#c2\na=1\nb=2\n", &config), 0);
   EXPECT_EQ(config.GetOptionMap("s")->comment, "");
   EXPECT_EQ(config.GetOptionMap("s")->options["a"].comment, "\n;c1\n#c2");
   EXPECT_EQ(config.GetOptionMap("s")->options["b"].comment, "");
@@ -206,7 +201,7 @@ TEST(TZConfigFileReader, TakesACommentLineWholeButForLeadingBlanks) {
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.line);
     TZConfig config;
-    EXPECT_EQ(Load(std::string("[s]\n") + row.line + "\nk=v", &config), kSuccess);
+    EXPECT_EQ(Load(std::string("[s]\n") + row.line + "\nk=v", &config), 0);
     EXPECT_EQ(OnlyOption(&config).second.comment, row.comment);
   }
 }
@@ -217,7 +212,7 @@ TEST(TZConfigFileReader, DropsACommentBlockAtTheEnd) {
 
 TEST(TZConfigFileReader, ContinuesARepeatedSectionUnderItsLatestComment) {
   TZConfig config;
-  EXPECT_EQ(Load("#old\n[S]\na=1\n[T]\n#new\n[s]\nb=2\n", &config), kSuccess);
+  EXPECT_EQ(Load("#old\n[S]\na=1\n[T]\n#new\n[s]\nb=2\n", &config), 0);
   EXPECT_EQ(Dump(&config), "\n#new\n[S]\na=1\nb=2\n[T]\n");
 }
 
@@ -237,14 +232,15 @@ TEST(TZConfigFileReader, KeepsCarriageReturnsOfValues) {
 TEST(TZConfigFileReader, AcceptsAnEmptyInput) {
   TZConfig config;
   config.SetOptionValue("old", "o", "v");
-  EXPECT_EQ(Load("", &config), kSuccess);
+  EXPECT_EQ(Load("", &config), 0);
   EXPECT_THAT(config.SectionOrder(), IsEmpty());
 }
 
 TEST(TZConfigFileReader, RefusesAnEmptyFileNameAndLeavesTheStoreAlone) {
   TZConfig config;
   config.SetOptionValue("old", "o", "v");
-  ExpectOutcome([&] { return TZConfigFile("", "out.cfg").LoadConfig(&config); }, kBadArgument, "");
+  ExpectResult(OutcomeOf([&] { return TZConfigFile("", "out.cfg").LoadConfig(&config); }), kRefused,
+               "", "");
   EXPECT_EQ(Dump(&config), "[old]\no=v\n");
 }
 
@@ -252,9 +248,9 @@ TEST(TZConfigFileReader, RefusesAMissingStreamOrStore) {
   TZConfig config;
   config.SetOptionValue("old", "o", "v");
   std::istringstream stream("[new]\n");
-  ExpectOutcome([&] { return kFile.LoadConfig(nullptr, &config); }, kBadArgument, "");
-  ExpectOutcome([&] { return kFile.LoadConfig(&stream, nullptr); }, kBadArgument, "");
-  ExpectOutcome([&] { return kFile.LoadConfig(nullptr); }, kBadArgument, "");
+  ExpectResult(OutcomeOf([&] { return kFile.LoadConfig(nullptr, &config); }), kRefused, "", "");
+  ExpectResult(OutcomeOf([&] { return kFile.LoadConfig(&stream, nullptr); }), kRefused, "", "");
+  ExpectResult(OutcomeOf([&] { return kFile.LoadConfig(nullptr); }), kRefused, "", "");
   EXPECT_EQ(Dump(&config), "[old]\no=v\n");
   EXPECT_EQ(stream.tellg(), std::streampos(0));
 }
@@ -264,8 +260,8 @@ TEST(TZConfigFileReader, EmptiesTheStoreAndNamesTheFileWhenItCannotBeOpened) {
   const std::string path = directory.File("missing.cfg");
   TZConfig config;
   config.SetOptionValue("old", "o", "v");
-  ExpectOutcome([&] { return TZConfigFile(path, "out.cfg").LoadConfig(&config); }, kStreamFailure,
-                "Failed to open input file:" + path + "\n");
+  ExpectResult(OutcomeOf([&] { return TZConfigFile(path, "out.cfg").LoadConfig(&config); }),
+               kNoStream, "", "Failed to open input file:" + path + "\n");
   EXPECT_THAT(config.SectionOrder(), IsEmpty());
 }
 
@@ -274,8 +270,8 @@ TEST(TZConfigFileReader, EmptiesTheStoreWhenTheStreamIsBad) {
   config.SetOptionValue("old", "o", "v");
   std::istringstream stream("[new]\n");
   stream.setstate(std::ios::failbit);
-  ExpectOutcome([&] { return kFile.LoadConfig(&stream, &config); }, kStreamFailure,
-                "Failed to open input file:in.cfg\n");
+  ExpectResult(OutcomeOf([&] { return kFile.LoadConfig(&stream, &config); }), kNoStream, "",
+               "Failed to open input file:in.cfg\n");
   EXPECT_THAT(config.SectionOrder(), IsEmpty());
 }
 
@@ -283,7 +279,7 @@ TEST(TZConfigFileReader, FailsWhenTheInputBreaksOff) {
   BreakingBuffer buffer("[s]\na=1\nb=");
   std::istream stream(&buffer);
   TZConfig config;
-  ExpectOutcome([&] { return kFile.LoadConfig(&stream, &config); }, kStreamFailure, "");
+  ExpectResult(OutcomeOf([&] { return kFile.LoadConfig(&stream, &config); }), kNoStream, "", "");
   EXPECT_EQ(Dump(&config), "[s]\na=1\n");
 }
 
@@ -291,15 +287,15 @@ TEST(TZConfigFileReader, ReportsAnInvalidLineBeforeTheInputBreaksOff) {
   BreakingBuffer buffer("broken\n");
   std::istream stream(&buffer);
   TZConfig config;
-  ExpectOutcome([&] { return kFile.LoadConfig(&stream, &config); }, kInvalidLine,
-                "Found an invalid line: broken\n");
+  ExpectResult(OutcomeOf([&] { return kFile.LoadConfig(&stream, &config); }), kBrokenLine, "",
+               "Found an invalid line: broken\n");
 }
 
 TEST(TZConfigFileReader, FailsOnADirectory) {
   const TempDirectory directory;
   TZConfig config;
-  ExpectOutcome([&] { return TZConfigFile(directory.path(), "").LoadConfig(&config); },
-                kStreamFailure, "");
+  ExpectResult(OutcomeOf([&] { return TZConfigFile(directory.path(), "").LoadConfig(&config); }),
+               kNoStream, "", "");
 }
 
 TEST(TZConfigFileReader, ReadsTheInputFile) {
@@ -307,7 +303,7 @@ TEST(TZConfigFileReader, ReadsTheInputFile) {
   const TZConfigFile file(directory.Write("in.cfg", "[s]\nk=v"), "");
   TZConfig config;
   config.SetOptionValue("old", "o", "v");
-  ExpectOutcome([&] { return file.LoadConfig(&config); }, kSuccess, "");
+  ExpectResult(OutcomeOf([&] { return file.LoadConfig(&config); }), 0, "", "");
   EXPECT_EQ(Dump(&config), "[s]\nk=v\n");
 }
 
@@ -361,8 +357,8 @@ TEST(TZConfigFileWriter, StopsAtASectionWithoutAName) {
   for (const char* section : {"a", "", "b"}) config.GetOptionMap(section);
   config.GetOptionMap("")->comment = "never shown";
   std::ostringstream stream;
-  ExpectOutcome([&] { return kFile.DumpConfig(&stream, &config); }, kBadArgument,
-                "Failed to get option list for section: \n");
+  ExpectResult(OutcomeOf([&] { return kFile.DumpConfig(&stream, &config); }), kRefused, "",
+               "Failed to get option list for section: \n");
   EXPECT_EQ(stream.str(), "[a]\n");
 }
 
@@ -372,8 +368,8 @@ TEST(TZConfigFileWriter, LeavesOutTheRestOfASectionFromAnOptionThatCannotBeRead)
   config.GetOptionMap("a")->options[""].value = "nameless";
   config.SetOptionValue("b", "k", "v");
   std::ostringstream stream;
-  ExpectOutcome([&] { return kFile.DumpConfig(&stream, &config); }, kSuccess,
-                "Failed to get value for option: \n");
+  ExpectResult(OutcomeOf([&] { return kFile.DumpConfig(&stream, &config); }), 0, "",
+               "Failed to get value for option: \n");
   EXPECT_EQ(stream.str(), "[a]\n[b]\nk=v\n");
 }
 
@@ -381,8 +377,8 @@ TEST(TZConfigFileWriter, RefusesAMissingStreamOrStore) {
   TZConfig config;
   config.GetOptionMap("s");
   std::ostringstream stream;
-  ExpectOutcome([&] { return kFile.DumpConfig(nullptr, &config); }, kBadArgument, "");
-  ExpectOutcome([&] { return kFile.DumpConfig(&stream, nullptr); }, kBadArgument, "");
+  ExpectResult(OutcomeOf([&] { return kFile.DumpConfig(nullptr, &config); }), kRefused, "", "");
+  ExpectResult(OutcomeOf([&] { return kFile.DumpConfig(&stream, nullptr); }), kRefused, "", "");
   EXPECT_EQ(stream.str(), "");
 }
 
@@ -391,8 +387,8 @@ TEST(TZConfigFileWriter, NamesTheOutputWhenTheStreamIsBad) {
   config.GetOptionMap("s");
   std::ostringstream stream;
   stream.setstate(std::ios::badbit);
-  ExpectOutcome([&] { return kFile.DumpConfig(&stream, &config); }, kStreamFailure,
-                "Failed to open file: out.cfg\n");
+  ExpectResult(OutcomeOf([&] { return kFile.DumpConfig(&stream, &config); }), kNoStream, "",
+               "Failed to open file: out.cfg\n");
 }
 
 TEST(TZConfigFileWriter, LeavesItToTheCallerToExamineTheStreamAfterwards) {
@@ -400,7 +396,7 @@ TEST(TZConfigFileWriter, LeavesItToTheCallerToExamineTheStreamAfterwards) {
   config.SetOptionValue("s", "k", "v");
   FullBuffer buffer;
   std::ostream stream(&buffer);
-  ExpectOutcome([&] { return kFile.DumpConfig(&stream, &config); }, kSuccess, "");
+  ExpectResult(OutcomeOf([&] { return kFile.DumpConfig(&stream, &config); }), 0, "", "");
   EXPECT_TRUE(stream.bad());
 }
 

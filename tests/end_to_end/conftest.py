@@ -22,6 +22,8 @@ def pytest_configure() -> None:
         raise pytest.UsageError(f"TZREGISTER_BINARY names no program: {program}")
     if shutil.which("bwrap") is None:
         raise pytest.UsageError("bwrap is not installed (Debian package bubblewrap)")
+    if not os.path.exists("/proc/self/fd"):
+        raise pytest.UsageError("/proc is not there; bwrap and the authority need it (mount -t proc proc /proc)")
     try:
         launcher()
     except SandboxUnavailable as reason:

@@ -164,6 +164,24 @@ def test_without_the_variable_the_server_name_is_still_there(host: Host) -> None
     assert oid.oid() == SSL_SERVER_NAME and len(value.content) > len(ia5(""))
 
 
+def server_name(host: Host, name: str) -> bytes:
+    """The encoded server name of a certificate made with this in the environment."""
+    result = make(host, environment={"QUORVEX_SSL_SERVER_NAME": name})
+    assert (result.status, result.stderr) == (0, completed("certificate"))
+    _, value = only_certificate(split_output(result.stdout)[0]).extensions[2].children()
+    return value.content
+
+
+@pytest.mark.parametrize("name", ["a b", "host:443", "with\nline", " DER:0500", "critical", "@section"])
+def test_any_server_name_goes_in_as_it_stands(host: Host, name: str) -> None:
+    assert server_name(host, name) == ia5(name)
+
+
+@pytest.mark.parametrize("name", ["critical,host", "DER:0500", "ASN1:UTF8:x"])
+def test_an_instruction_to_openssl_is_no_server_name(host: Host, name: str) -> None:
+    assert server_name(host, name) == server_name(host, "")
+
+
 def test_every_run_makes_a_new_key(host: Host) -> None:
     keys = {only_certificate(split_output(make(host).stdout)[0]).key for _ in range(3)}
     assert len(keys) == 3
@@ -266,7 +284,7 @@ def test_without_two_names_both_texts_are_printed(host: Host, options: Sequence[
 def test_a_new_key_file_belongs_to_its_owner_alone(host: Host, mask: int) -> None:
     options = ("--file", "a", "--file2", "b", "--configfile", "/nowhere")
     assert make(host, *options, umask=mask) == SUCCESS
-    assert stat.S_IMODE((host.work / "b").stat().st_mode) == 0o600
+    assert stat.S_IMODE((host.work / "b").stat().st_mode) == 0o600 & ~mask
 
 
 def test_existing_files_are_replaced_and_keep_their_modes(host: Host) -> None:

@@ -144,7 +144,7 @@ def test_a_new_file_belongs_to_its_owner_alone(agent: Host, mask: int) -> None:
     with RawServer([http_answer(config_answer("[a]\n"))]) as server:
         arguments = ("--type", "Agent", "--url", server.url, "--todisk", "--file", str(path))
         agent.run("--action", "configfile", *arguments, *ACCOUNT, umask=mask)
-    assert stat.S_IMODE(path.stat().st_mode) == 0o600
+    assert stat.S_IMODE(path.stat().st_mode) == 0o600 & ~mask
 
 
 @pytest.mark.parametrize("mode", [0o644, 0o600, 0o666])
@@ -438,12 +438,30 @@ def test_a_directory_that_cannot_be_made_ends_the_run(agent: Host, obstacle: str
     assert list(agent.etc_quorvex.iterdir()) == []
 
 
+def configfile_into(agent: Host, shell: str, *more: str, template: str = AGENT_TEMPLATE) -> Result:
+    """Runs configfile with the standard output that the script gives it."""
+    with RawServer([http_answer(config_answer(template))]) as server:
+        arguments = ("--type", "Agent", "--url", server.url, *more, *ACCOUNT)
+        return agent.run("--action", "configfile", *arguments, shell=shell)
+
+
 @pytest.mark.parametrize("shell", ['"$@" >/dev/full', '"$@" >&-'], ids=["full", "closed"])
 def test_an_unusable_standard_output_does_not_harm_the_file(agent: Host, shell: str) -> None:
-    with RawServer([http_answer(config_answer(AGENT_TEMPLATE))]) as server:
-        arguments = ("--type", "Agent", "--url", server.url, "--todisk", *ACCOUNT)
-        agent.run("--action", "configfile", *arguments, shell=shell)
+    result = configfile_into(agent, shell, "--todisk")
+    assert result == Result(0, b"", completed("configfile"))
     assert (agent.etc_quorvex / "Agent.cfg").read_bytes() == agent_provisioned(BASE)
+
+
+@pytest.mark.parametrize("shell", ['"$@" >/dev/full', '"$@" >&-'], ids=["full", "closed"])
+def test_a_file_that_standard_output_cannot_take_fails_the_run(agent: Host, shell: str) -> None:
+    assert configfile_into(agent, shell) == refused("Failed to write configuration file: \n")
+
+
+def test_a_file_that_standard_output_takes_in_part_fails_the_run(agent: Host) -> None:
+    agent.add_small_disk("/small", 2 * PAGE_BYTES)
+    template = AGENT_TEMPLATE + "[large]\n" + "".join(f"key{number:04}=value\n" for number in range(1000))
+    result = configfile_into(agent, '"$@" >/small/out', template=template)
+    assert result == refused("Failed to write configuration file: \n")
 
 
 @pytest.mark.parametrize(

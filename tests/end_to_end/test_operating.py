@@ -134,6 +134,14 @@ def test_configfile_over_the_registered_file_loses_its_password(agent: Host, aut
     assert stored_option(agent.etc_quorvex / "Agent.cfg", "passwd") == b""
 
 
+def test_the_longest_password_that_can_be_stored_has_720_bytes(agent: Host) -> None:
+    answers = [agent_answer(password="p" * 720), config_answer("[paths]\nkeydir=keys\n")]
+    with RawServer([http_answer(answer) for answer in answers]) as server:
+        arguments = (*REGISTER, "--hostname", "h", "--url", server.url, *ACCOUNT, "--todisk")
+        assert agent.run(*arguments).stderr == completed("register")
+    assert stored_option(agent.etc_quorvex / "Agent.cfg", "passwd").startswith(b"qx1.")
+
+
 def test_the_server_flag_registers_the_host_as_without_it(agent: Host) -> None:
     sent = []
     for flags in ((), ("--server", "--storage", str(agent.work))):

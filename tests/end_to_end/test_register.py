@@ -132,7 +132,7 @@ def test_a_new_file_belongs_to_its_owner_alone(agent: Host, mask: int) -> None:
         arguments = ("--type", "Agent", "--hostname", "web01", "--agentType", "0", "--url", server.url, "--todisk")
         result = agent.run("--action", "register", *arguments, *ACCOUNT, umask=mask)
     assert result.status == 0
-    assert stat.S_IMODE(written(agent).stat().st_mode) == 0o600
+    assert stat.S_IMODE(written(agent).stat().st_mode) == 0o600 & ~mask
 
 
 def test_an_existing_file_is_replaced_and_keeps_its_mode(agent: Host) -> None:

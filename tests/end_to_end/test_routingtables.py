@@ -281,6 +281,18 @@ def test_two_named_files_get_one_table_each(host: Host, credentials: CredentialF
             (host.work / name).write_bytes(b"longer than any table\n" * 100)
 
 
+@pytest.mark.parametrize("shell", ['"$@" >/dev/full', '"$@" >&-'], ids=["full", "closed"])
+def test_tables_that_standard_output_cannot_take_fail_the_run(
+    host: Host, credentials: CredentialFile, shell: str
+) -> None:
+    with RawServer([http_answer(routing_answer(RECOMMENDED, CURRENT))]) as server:
+        credentials.url = server.url
+        credentials.write()
+        arguments = ("--storagepoolid", "3", "--agentid", "42", "--configfile", str(credentials.path))
+        result = host.run("--action", "routingtables", "--type", "Agent", *arguments, shell=shell)
+    assert result == refused("Failed to write file: \n")
+
+
 @pytest.mark.parametrize("options", [("--file", "", "--file2", "b"), ("--file", "a", "--file2", ""), ("--file2", "b")])
 def test_with_one_name_only_both_tables_are_printed(
     host: Host, credentials: CredentialFile, options: Sequence[str]

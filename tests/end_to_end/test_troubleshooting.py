@@ -13,7 +13,7 @@ from typing import Callable, Optional, Sequence
 
 import pytest
 
-from harness.answers import agent_answer, config_answer, data_answer, empty_answer, error_answer
+from harness.answers import agent_answer, config_answer, data_answer, empty_answer, error_answer, routing_answer
 from harness.authority import running_authority
 from harness.credentials import CredentialFile
 from harness.messages import failed
@@ -52,15 +52,19 @@ class Stage:
     host: Host
     directory: Path
 
-    def run(self, message: str, action: str, *arguments: str, time_limit: float = 90.0) -> Provoked:
+    def run(
+        self, message: str, action: str, *arguments: str, time_limit: float = 90.0, shell: Optional[str] = None
+    ) -> Provoked:
         """Runs an action that should show this."""
-        result = self.host.run("--action", action, *arguments, time_limit=time_limit)
+        result = self.host.run("--action", action, *arguments, time_limit=time_limit, shell=shell)
         return Provoked(action, result, message)
 
-    def ask(self, message: str, answers: Sequence[bytes], *arguments: str) -> Provoked:
+    def ask(
+        self, message: str, answers: Sequence[bytes], *arguments: str, shell: Optional[str] = None
+    ) -> Provoked:
         """Runs an action against a server that gives these answers."""
         with RawServer([http_answer(answer) for answer in answers]) as server:
-            return self.run(message, *arguments, "--url", server.url, *ACCOUNT)
+            return self.run(message, *arguments, "--url", server.url, *ACCOUNT, shell=shell)
 
     def discover(self, message: str, reply: Reply, time_limit: float = 90.0) -> Provoked:
         """Runs discover against a server that replies so."""
@@ -250,8 +254,9 @@ def no_action(stage: Stage) -> Provoked:
 @provokes(CAUGHT)
 def a_shortened_option(stage: Stage) -> Provoked:
     run = stage.run("", "discover", "--agent", "1")
-    found = re.match(r"Exception is caught option '--agent' is ambiguous and matches [^\n]*", run.result.stderr.decode())
-    assert found
+    ambiguous = r"Exception is caught option '--agent' is ambiguous and matches [^\n]*"
+    found = re.match(ambiguous, run.result.stderr.decode())
+    assert found, run.result.stderr
     return Provoked(run.action, run.result, found[0])
 
 
@@ -409,12 +414,12 @@ def a_lost_key_file(stage: Stage) -> Provoked:
 
 
 @provokes(LOGIN_FAILED)
-def a_configuration_file_fetched_over_the_registered_one(stage: Stage) -> Provoked:
+def a_second_registration_that_went_wrong(stage: Stage) -> Provoked:
     with running_authority(stage.directory / "authority") as authority:
         registered_with(stage, authority.url, authority.password_file)
         account = ("--url", authority.url, "--login", "admin", "--passwdfile", "admin.passwd")
-        stage.run("", *CONFIG, "--agentid", "1", *account, "--todisk")
-        (stage.host.work / "keys" / KEY_FILE).unlink()
+        again = stage.run("", *REGISTER, "--agentid", "1", *account, "--todisk", "--file", "/nowhere/a.cfg")
+        assert again.result.status == EXIT_FAILURE
         return stage.run(LOGIN_FAILED, *SELECTION)
 
 
@@ -532,6 +537,15 @@ def another_key_file(stage: Stage) -> Provoked:
     return stage.run("Failed to decrypt password for user agent_42", *SELECTION)
 
 
+@provokes("Failed to decrypt password for user <login>")
+def a_configuration_file_fetched_over_the_registered_one(stage: Stage) -> Provoked:
+    with running_authority(stage.directory / "authority") as authority:
+        registered_with(stage, authority.url, authority.password_file)
+        account = ("--url", authority.url, "--login", "admin", "--passwdfile", "admin.passwd")
+        assert stage.run("", *CONFIG, "--agentid", "1", *account, "--todisk").result.status == 0
+    return stage.run("Failed to decrypt password for user agent1", *SELECTION)
+
+
 def register_at(stage: Stage, message: str, *arguments: str, password: str = "s3cret") -> Provoked:
     """Registers the machine with a template whose key directory is "keys"."""
     answers = [agent_answer(password=password), config_answer("[paths]\nkeydir=keys\n")]
@@ -565,13 +579,30 @@ def a_directory_that_is_not_there(stage: Stage) -> Provoked:
     return register_at(stage, "Failed to write configuration file: /nowhere/a.cfg\n", *arguments)
 
 
+FULL = '"$@" >/dev/full'
+
+
+@provokes("Failed to write configuration file: <path>")
+def a_full_disk_behind_standard_output(stage: Stage) -> Provoked:
+    message = "Failed to write configuration file: \n"
+    return stage.ask(message, [config_answer("[a]\n")], *CONFIG, shell=FULL)
+
+
+def write_tables(stage: Stage, message: str, *arguments: str, shell: Optional[str] = None) -> Provoked:
+    """Fetches a pool's routing tables."""
+    with RawServer([http_answer(routing_answer("r", "c"))]) as server:
+        stage.credentials(url=server.url)
+        return stage.run(message, *TABLES, *arguments, shell=shell)
+
+
 @provokes("Failed to write file: <path>")
 def a_table_that_cannot_be_written(stage: Stage) -> Provoked:
-    answer = data_answer([("cr_recommendedrt", "S"), ("cr_currentrt", "S")], [["r", "c"]])
-    with RawServer([http_answer(answer)]) as server:
-        stage.credentials(url=server.url)
-        arguments = ("--file", "r", "--file2", "/nowhere/c")
-        return stage.run("Failed to write file: /nowhere/c\n", *TABLES, *arguments)
+    return write_tables(stage, "Failed to write file: /nowhere/c\n", "--file", "r", "--file2", "/nowhere/c")
+
+
+@provokes("Failed to write file: <path>")
+def tables_that_a_full_disk_does_not_take(stage: Stage) -> Provoked:
+    return write_tables(stage, "Failed to write file: \n", shell=FULL)
 
 
 def make_directories(stage: Stage, base: str, reason: str) -> Provoked:

@@ -1,19 +1,20 @@
 #include "frontend/argument_guard.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "tests/testing/heap_watch.h"
+#include "frontend/options.h"
+#include "support/parsed_options.h"
+#include "tests/testing/disguised_secret.h"
+#include "tests/testing/words.h"
 
 namespace corvel::storage::tzregister {
 namespace {
-
-using Words = std::vector<std::string>;
-using storage::testing::FreedTextWatch;
+using namespace storage::testing;
 
 /// A process's own arguments.
 class Arguments {
@@ -39,39 +40,95 @@ Words Texts(char** argv) {
   return words;
 }
 
-TEST(ArgumentGuard, MasksThePasswordAndKeepsACopyOfIt) {
+TEST(ArgumentGuard, MasksThePasswordAndLetsAStandInTakeItsPlace) {
   const struct {
     Words given;
     Words shown;
+    Words parsed;
   } kCases[] = {
-      {{"tzregister"}, {"tzregister"}},
-      {{"tzregister", "--passwd", "pw"}, {"tzregister", "--passwd", "**"}},
-      {{"tzregister", "--passwd=secret", "x"}, {"tzregister", "--passwd=******", "x"}},
-      {{"tzregister", "--passwd="}, {"tzregister", "--passwd="}},
-      {{"tzregister", "--passwd"}, {"tzregister", "--passwd"}},
-      {{"tzregister", "--passwd", ""}, {"tzregister", "--passwd", ""}},
-      {{"tzregister", "--passwdfile", "f"}, {"tzregister", "--passwdfile", "f"}},
-      {{"tzregister", "--passwdfile=f"}, {"tzregister", "--passwdfile=f"}},
-      {{"tzregister", "--login", "passwd"}, {"tzregister", "--login", "passwd"}},
-      {{"tzregister", "--passwd", "--passwd", "x"}, {"tzregister", "--passwd", "********", "x"}},
-      {{"t", "--passwd", "a", "--passwd", "bc"}, {"t", "--passwd", "*", "--passwd", "**"}},
-      {{"--passwd", "x"}, {"--passwd", "x"}},
+      {{"tzregister"}, {"tzregister"}, {"tzregister"}},
+      {{"t", "--passwd", "pw"}, {"t", "--passwd", "**"}, {"t", "--passwd", "0"}},
+      {{"t", "--passwd=secret", "x"}, {"t", "--passwd=******", "x"}, {"t", "--passwd=0", "x"}},
+      {{"t", "--passwd="}, {"t", "--passwd="}, {"t", "--passwd="}},
+      {{"t", "--passwd"}, {"t", "--passwd"}, {"t", "--passwd"}},
+      {{"t", "--passwd", ""}, {"t", "--passwd", ""}, {"t", "--passwd", ""}},
+      {{"t", "--passwd", "-x"}, {"t", "--passwd", "**"}, {"t", "--passwd", "-x"}},
+      {{"t", "--passwdfile", "f"}, {"t", "--passwdfile", "f"}, {"t", "--passwdfile", "f"}},
+      {{"t", "--passwdfile=f"}, {"t", "--passwdfile=f"}, {"t", "--passwdfile=f"}},
+      {{"t", "--login", "passwd"}, {"t", "--login", "passwd"}, {"t", "--login", "passwd"}},
+      {{"t", "--passwd", "--passwd", "x"},
+       {"t", "--passwd", "********", "x"},
+       {"t", "--passwd", "--passwd", "x"}},
+      {{"t", "--passwd", "a", "--passwd", "bc"},
+       {"t", "--passwd", "*", "--passwd", "**"},
+       {"t", "--passwd", "0", "--passwd", "1"}},
+      {{"--passwd", "x"}, {"--passwd", "x"}, {"--passwd", "x"}},
   };
   for (const auto& row : kCases) {
     SCOPED_TRACE(::testing::PrintToString(row.given));
     Arguments arguments(row.given);
     ArgumentGuard guard(arguments.argc(), arguments.argv());
     EXPECT_EQ(arguments.words(), row.shown);
-    EXPECT_EQ(Texts(guard.argv()), row.given);
+    EXPECT_EQ(Texts(guard.argv()), row.parsed);
   }
 }
 
-TEST(ArgumentGuard, WipesItsCopyWhenItGoes) {
-  const std::string secret = "a secret too long to lie inside an object";
-  Arguments arguments({"tzregister", "--passwd", secret, "--passwd=" + secret});
-  const FreedTextWatch watch(secret);
-  std::make_unique<ArgumentGuard>(arguments.argc(), arguments.argv()).reset();
-  EXPECT_FALSE(watch.seen());
+/// The password that the option library finds in `words` behind a guard;
+/// "(none)" when it finds none.
+std::string GuardedPassword(const Words& words) {
+  Arguments arguments(words);
+  ArgumentGuard guard(arguments.argc(), arguments.argv());
+  boost::program_options::variables_map options;
+  ParseOptions(arguments.argc(), guard.argv(), DescribeOptions(), &options);
+  guard.RestorePassword(&options);
+  const support::ParsedOptions parsed(options);
+  return parsed.Has("passwd") ? parsed.SecretText("passwd").text() : "(none)";
+}
+
+TEST(ArgumentGuard, RestoresThePasswordThatTheOptionLibraryFinds) {
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "pw"}), "pw");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd=p=w"}), "p=w");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "1"}), "1");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "-1"}), "-1");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", ""}), "");
+  EXPECT_EQ(GuardedPassword({"t", "--todisk"}), "(none)");
+}
+
+// The option library takes what follows an option for its value, whatever it
+// looks like.
+TEST(ArgumentGuard, RestoresTheRightOneOfSeveral) {
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "y", "--login", "--passwd", "x"}), "y");
+  EXPECT_EQ(GuardedPassword({"t", "--login", "--passwd", "x", "--passwd", "y"}), "y");
+  EXPECT_EQ(GuardedPassword({"t", "--login", "--passwd", "x"}), "(none)");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "y", "--", "--passwd", "x"}), "y");
+}
+
+/// Runs `words`, whose last one ends in as many "?" as `password` is long, with
+/// the password in their place, through guard and option library.
+void ExpectOneCopyWhileItIsKept(const Words& words, const DisguisedSecret& password) {
+  Arguments arguments(words);
+  password.Reveal([&](const char* text) {
+    std::memcpy(std::strchr(arguments.argv()[words.size() - 1], '?'), text, password.size());
+  });
+  ArgumentGuard guard(arguments.argc(), arguments.argv());
+  EXPECT_EQ(password.Copies(), 1U);
+  boost::program_options::variables_map options;
+  ParseOptions(arguments.argc(), guard.argv(), DescribeOptions(), &options);
+  guard.RestorePassword(&options);
+  const support::ParsedOptions parsed(options);
+  EXPECT_TRUE(password.Is(parsed.SecretText("passwd").text()));
+  EXPECT_EQ(password.Copies(), 1U);
+}
+
+TEST(ArgumentGuard, LeavesNoPasswordBehindOnceEveryOwnerIsGone) {
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret password(length);
+    const std::string place(length, '?');
+    ExpectOneCopyWhileItIsKept({"tzregister", "--passwd", place}, password);
+    EXPECT_EQ(password.Copies(), 0U);
+    ExpectOneCopyWhileItIsKept({"tzregister", "--passwd=" + place}, password);
+    EXPECT_EQ(password.Copies(), 0U);
+  }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/parsed_options.h"
 #include "tests/testing/command_line.h"
 
 namespace corvel::storage::tzregister {
@@ -33,8 +34,8 @@ std::vector<std::string> DeclaredNames() {
 const std::vector<std::string> kFlags = {"version", "help", "todisk", "server", "mkdir"};
 const std::vector<std::string> kNumbers = {"agentType", "agentid", "dstypeid", "storagepoolid"};
 const std::vector<std::string> kTexts = {
-    "action", "login", "passwd",     "passwdfile", "url",     "type",    "keydir",     "hostname",
-    "file",   "file2", "configfile", "dsname",     "dsrules", "storage", "productname"};
+    "action", "login", "passwdfile", "url",    "type",    "keydir",  "hostname",
+    "file",   "file2", "configfile", "dsname", "dsrules", "storage", "productname"};
 
 TEST(DescribeOptions, DeclaresTheOptionsInTheOrderOfTheHelpText) {
   EXPECT_THAT(DeclaredNames(),
@@ -71,6 +72,18 @@ TEST(ParseOptions, ReadsTexts) {
     EXPECT_EQ(Options({"--" + name + "=-1"})[name].as<std::string>(), "-1");
     EXPECT_THROW(Options({"--" + name}), po::error);
   }
+}
+
+TEST(ParseOptions, ReadsThePasswordAsASecret) {
+  const auto secret = [](const std::vector<std::string>& arguments) {
+    return Options(arguments)["passwd"].as<support::SharedSecret>()->text();
+  };
+  EXPECT_EQ(secret({"--passwd", "a text"}), "a text");
+  EXPECT_EQ(secret({"--passwd=-1"}), "-1");
+  EXPECT_EQ(secret({"--passwd", ""}), "");
+  EXPECT_THROW(Options({"--passwd"}), po::error);
+  EXPECT_THROW(Options({"--passwd="}), po::error);
+  EXPECT_THROW(Options({"--passwd", "a", "--passwd", "b"}), po::multiple_occurrences);
 }
 
 TEST(ParseOptions, ReadsNumbers) {

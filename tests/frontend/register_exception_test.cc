@@ -13,9 +13,11 @@
 namespace corvel::storage::tzregister {
 namespace {
 
+using namespace storage::testing;
+
 /// `call` must throw the failure of a conversion, described so.
 void ExpectConversionFailure(const std::function<void()>& call, const std::string& description) {
-  EXPECT_EQ(storage::testing::OutcomeOf(call).failure, "1/6 Namespace:Engine: " + description);
+  ExpectFailure(OutcomeOf(call), {1, 6, "Namespace:Engine", description});
 }
 
 /// A value that can be written half, and not as a number.
@@ -25,24 +27,6 @@ std::ostream& operator<<(std::ostream& stream, const Unwritable& /*value*/) {
   stream << "half";
   stream.setstate(std::ios::failbit);
   return stream;
-}
-
-TEST(ErrorNumbers, AreThoseOfTheSystem) {
-  EXPECT_EQ(ERR_CONVERSION, 1);
-  EXPECT_EQ(ERR_WEBSERVICE, 6);
-  EXPECT_EQ(ERR_FILE_WRITE, 14);
-  EXPECT_EQ(ERR_INVALID_ARGUMENT, 16);
-  EXPECT_EQ(ERR_MISSING_AGENTID, 17);
-  EXPECT_EQ(ERR_REGISTRY, 18);
-  EXPECT_EQ(ERR_CERTIFICATE, 705);
-  EXPECT_EQ(sizeof(errornumber_t), sizeof(std::int32_t));
-}
-
-TEST(Severities, AreThoseOfTheSystem) {
-  EXPECT_EQ(SEVERITY_ERROR, 5);
-  EXPECT_EQ(SEVERITY_CONVERSION, 6);
-  EXPECT_EQ(SEVERITY_CRITICAL, 7);
-  EXPECT_EQ(sizeof(eventseveritylevel_t), sizeof(std::int32_t));
 }
 
 TEST(RegisterException, TellsSourceFromDescription) {

@@ -10,11 +10,11 @@
 namespace corvel::storage::tzregister {
 namespace {
 
+using namespace storage::testing;
+
 /// `check` must throw a refusal, described so, and print nothing.
 void ExpectRefusal(const std::function<void()>& check, const std::string& description) {
-  const storage::testing::Outcome outcome = storage::testing::OutcomeOf(check);
-  EXPECT_EQ(outcome.failure, "16/5 StringCheck: " + description);
-  EXPECT_EQ(outcome.out + outcome.err, "");
+  ExpectFailure(OutcomeOf(check), {16, 5, "StringCheck", description});
 }
 
 TEST(ValidateType, AcceptsTheEightComponentTypes) {

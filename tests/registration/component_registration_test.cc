@@ -64,8 +64,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 
-using Words = std::vector<std::string>;
-
 /// A registration and what became of its outputs.
 struct Registration {
   std::int64_t agentId = 0;
@@ -88,8 +86,7 @@ TEST(RegisterComponent, SendsWhatDescribesTheHostAndReceivesIdAndAccount) {
   ScriptedRegistrator host(AccountWith({"--agentType", "0"}));
   host.network.http.Answer(AgentAnswer("42", "sys", "p\\x7cw"));
   const Registration done = Register(&host, "Agent", "My.Host", 5);
-  EXPECT_EQ(done.outcome.failure, "");
-  EXPECT_EQ(done.outcome.out + done.outcome.err, "");
+  ExpectSuccess(done.outcome);
   EXPECT_EQ(done.agentId, 42);
   EXPECT_EQ(done.login, "sys");
   EXPECT_EQ(done.password, "p|w");
@@ -108,23 +105,17 @@ TEST(RegisterComponent, SendsTheAgentTypeInDecimal) {
   for (const std::string type : {"0", "1", "3", "99", "18446744073709551615"}) {
     ScriptedRegistrator host(AccountWith({"--agentType", type}));
     host.network.http.Answer(AgentAnswer("1", "l", "p"));
-    EXPECT_EQ(Register(&host, "Agent", "h").outcome.failure, "");
+    ExpectSuccess(Register(&host, "Agent", "h").outcome);
     EXPECT_EQ(FormValue(host.requests().at(0), "type"), type);
   }
 }
-
-constexpr char kUnknownType[] =
-    "16/5 StringCheck: Type \"%\" is not a valid type. Must be one of \"Agent ContentRouter "
-    "StoragePoolAuthority MetabaseEngine MetabaseServer Controller qxwfe storagepool \".\n";
 
 TEST(RegisterComponent, RefusesUnknownTypesFirst) {
   for (const Words& options : {Words{}, Words{"--agentType", "0"}}) {
     for (const std::string type : {"agent", "Foo", ""}) {
       SCOPED_TRACE(type);
       ScriptedRegistrator host(AccountWith(options));
-      std::string expected = kUnknownType;
-      expected.replace(expected.find('%'), 1, type);
-      EXPECT_EQ(Register(&host, type, "h").outcome.failure, expected);
+      ExpectFailure(Register(&host, type, "h").outcome, UnknownType(type));
       EXPECT_THAT(host.requests(), IsEmpty());
     }
   }
@@ -135,17 +126,16 @@ TEST(RegisterComponent, SupportsAgentsAlone) {
                                  "MetabaseServer", "Controller", "qxwfe", "storagepool"}) {
     ScriptedRegistrator host(AccountWith({"--agentType", "0"}));
     const Registration done = Register(&host, type, "h");
-    EXPECT_EQ(done.outcome.failure,
-              "16/7 Registrator: Registering component type " + type + " is not supported.");
-    EXPECT_EQ(done.outcome.out + done.outcome.err, "");
+    ExpectFailure(done.outcome, {16, 7, "Registrator",
+                                 "Registering component type " + type + " is not supported."});
     EXPECT_THAT(host.requests(), IsEmpty());
   }
 }
 
 TEST(RegisterComponent, NeedsAnAgentType) {
   ScriptedRegistrator host(AccountWith({}));
-  EXPECT_EQ(Register(&host, "Agent", "h").outcome.failure,
-            "16/7 Registrator: Registering component type Agent is not supported.");
+  ExpectFailure(Register(&host, "Agent", "h").outcome,
+                {16, 7, "Registrator", "Registering component type Agent is not supported."});
   EXPECT_THAT(host.requests(), IsEmpty());
 }
 
@@ -161,7 +151,7 @@ TEST(RegisterComponent, FailsForAnAgentTypeOfAnotherKind) {
 std::string SentHostName(const std::string& hostname) {
   ScriptedRegistrator host(AccountWith({"--agentType", "0"}));
   host.network.http.Answer(AgentAnswer("1", "l", "p"));
-  EXPECT_EQ(Register(&host, "Agent", hostname).outcome.failure, "");
+  ExpectSuccess(Register(&host, "Agent", hostname).outcome);
   return FormValue(host.requests().at(0), "hostName");
 }
 
@@ -195,11 +185,9 @@ TEST(RegisterComponent, PassesFailuresOfTheRequestOnAndKeepsTheOutputs) {
   ScriptedRegistrator host(AccountWith({"--agentType", "0"}));
   host.network.http.Answer("***ERROR***\n3\ndescription: no more agents***DONE***\n");
   const Registration done = Register(&host, "Agent", "h", 5);
-  EXPECT_EQ(done.outcome.failure, kCallFailed);
-  EXPECT_EQ(done.outcome.out, "");
-  EXPECT_EQ(done.outcome.err,
-            "The webservice returned an error :no more agents\n"
-            "Server's HTTP response code was 0\n");
+  ExpectFailure(done.outcome, kCallFailed,
+                "The webservice returned an error :no more agents\n"
+                "Server's HTTP response code was 0\n");
   EXPECT_EQ(done.agentId, 5);
   EXPECT_EQ(done.login, "old login");
   EXPECT_EQ(done.password, "old password");
@@ -209,7 +197,7 @@ TEST(RegisterComponent, KeepsWhatTheAnswerGaveBeforeItsGap) {
   ScriptedRegistrator host(AccountWith({"--agentType", "0"}));
   host.network.http.Answer(OneRecord("agentid|login", "I|S", "42|sys"));
   const Registration done = Register(&host, "Agent", "h", 5);
-  EXPECT_EQ(done.outcome.failure, "6/5 Record: Missing required field: password");
+  ExpectFailure(done.outcome, {6, 5, "Record", "Missing required field: password"});
   EXPECT_EQ(done.agentId, 42);
   EXPECT_EQ(done.login, "sys");
   EXPECT_EQ(done.password, "old password");

@@ -11,6 +11,7 @@
 #include "tests/registration/scripted_registrator.h"
 #include "tests/testing/authority_answers.h"
 #include "tests/testing/fake_registry_host.h"
+#include "tests/testing/file_size_limit.h"
 #include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"
 
@@ -23,30 +24,13 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 
-using Words = std::vector<std::string>;
-
 constexpr char kTemplate[] = "[paths]\\nlog=logs\\n[Logging]\\nLogPath=lp\\n";
+const Thrown kNoUrl{18, 5, "TZRegister", "url must exist in parameter"};
 constexpr char kPrinted[] = "\n##Configfile written to \n";
-
-Words With(Words words, const Words& more) {
-  words.insert(words.end(), more.begin(), more.end());
-  return words;
-}
 
 /// The template rewritten for an agent or an authority under `storage`.
 std::string PathsUnder(const std::string& storage) {
   return "[paths]\nlog=" + storage + "/logs\n[Logging]\nLogPath=lp\n";
-}
-
-void ExpectOutcome(const Outcome& outcome, const std::string& out) {
-  EXPECT_EQ(outcome.failure, "");
-  EXPECT_EQ(outcome.out, out);
-  EXPECT_EQ(outcome.err, "");
-}
-
-void ExpectFailure(const Outcome& outcome, const std::string& failure) {
-  EXPECT_EQ(outcome.failure, failure);
-  EXPECT_EQ(outcome.out, "");
 }
 
 /// The operation of the class, whose authority answers with the template.
@@ -64,7 +48,7 @@ class RegistratorGetConfigFileTest : public ::testing::Test {
 };
 
 TEST_F(RegistratorGetConfigFileTest, PrintsTheTextAndANewlineWhenNoFileIsNamed) {
-  ExpectOutcome(Get("Agent", false, ""), PathsUnder("/data") + kPrinted);
+  ExpectSuccess(Get("Agent", false, ""), PathsUnder("/data") + kPrinted);
   ASSERT_EQ(host.requests().size(), 1U);
   EXPECT_EQ(host.requests()[0].url, "http://spa/ws_configfile.php");
   EXPECT_THAT(host.requests()[0].form, ElementsAre(Pair("action", "create"), Pair("agentid", "-5"),
@@ -74,12 +58,14 @@ TEST_F(RegistratorGetConfigFileTest, PrintsTheTextAndANewlineWhenNoFileIsNamed) 
 
 TEST_F(RegistratorGetConfigFileTest, WritesTheTextAloneToTheNamedFile) {
   const std::string file = directory.File("agent.cfg");
-  ExpectOutcome(Get("Agent", false, file), "##Configfile written to " + file + "\n");
+  ExpectSuccess(Get("Agent", false, file), "##Configfile written to " + file + "\n");
   EXPECT_EQ(ReadFile(file), PathsUnder("/data"));
 }
 
 TEST(RegistratorGetConfigFile, ChoosesTemplateAndRewritingByTypeAndServer) {
-  const std::string router = "[paths]\nlog=logs\n[Logging]\nLogPath=/data/lp\n";
+  const std::string router =
+      "[paths]\nlog=logs\n[Logging]\nLogPath=/data/lp\n"
+      "[ContentRouter]\n[Spooler]\n[StorageDaemon]\n[SSL]\n";
   const struct {
     const char* type;
     bool server;
@@ -100,33 +86,28 @@ TEST(RegistratorGetConfigFile, ChoosesTemplateAndRewritingByTypeAndServer) {
     const Outcome outcome = OutcomeOf(
         [&] { host.registrator.GetConfigFile(row.type, 1, row.server, "/data", "", "", ""); });
     EXPECT_EQ(FormValue(host.requests().at(0), "configfiletemplateid"), row.id);
-    EXPECT_THAT(outcome.out, HasSubstr(row.rewritten.substr(0, 20)));
-    EXPECT_THAT(outcome.out, HasSubstr(row.rewritten.substr(20)));
+    ExpectSuccess(outcome, row.rewritten + kPrinted);
   }
 }
 
 TEST_F(RegistratorGetConfigFileTest, RefusesTypesWithoutATemplateBeforeItAsks) {
   for (const std::string type :
        {"MetabaseEngine", "MetabaseServer", "Controller", "qxwfe", "storagepool"}) {
-    ExpectFailure(
-        Get(type, true, ""),
-        "16/7 Registrator: Failed to define configfile template ID for component type " + type);
+    ExpectFailure(Get(type, true, ""),
+                  {16, 7, "Registrator",
+                   "Failed to define configfile template ID for component type " + type});
   }
   EXPECT_THAT(host.requests(), IsEmpty());
 }
 
 TEST_F(RegistratorGetConfigFileTest, RefusesUnknownTypesBeforeItAsks) {
   for (const std::string type : {"agent", "Agent ", ""}) {
-    ExpectFailure(Get(type, false, ""),
-                  "16/5 StringCheck: Type \"" + type +
-                      "\" is not a valid type. Must be one of \"Agent ContentRouter "
-                      "StoragePoolAuthority MetabaseEngine MetabaseServer Controller qxwfe "
-                      "storagepool \".\n");
+    ExpectFailure(Get(type, false, ""), UnknownType(type));
   }
   EXPECT_THAT(host.requests(), IsEmpty());
 }
 
-TEST_F(RegistratorGetConfigFileTest, CreatesTheFileForItsOwnerAloneWhateverTheUmask) {
+TEST_F(RegistratorGetConfigFileTest, CreatesTheFileForItsOwnerAlone) {
   for (const mode_t mask : {0000U, 0277U}) {
     SCOPED_TRACE(mask);
     const std::string file = directory.File("agent" + std::to_string(mask));
@@ -134,15 +115,15 @@ TEST_F(RegistratorGetConfigFileTest, CreatesTheFileForItsOwnerAloneWhateverTheUm
     const mode_t before = umask(mask);
     const Outcome outcome = Get("Agent", false, file);
     umask(before);
-    EXPECT_EQ(outcome.failure, "");
-    EXPECT_EQ(FileMode(file), 0600U);
+    ExpectSuccess(outcome, "##Configfile written to " + file + "\n");
+    EXPECT_EQ(FileMode(file), 0600U & ~mask);
   }
 }
 
 TEST_F(RegistratorGetConfigFileTest, OverwritesAnExistingFileAndKeepsItsMode) {
   const std::string file = directory.Write("agent.cfg", std::string(500, 'x'));
   ASSERT_EQ(chmod(file.c_str(), 0644), 0);
-  EXPECT_EQ(Get("Agent", false, file).failure, "");
+  ExpectSuccess(Get("Agent", false, file), "##Configfile written to " + file + "\n");
   EXPECT_EQ(ReadFile(file), PathsUnder("/data"));
   EXPECT_EQ(FileMode(file), 0644U);
 }
@@ -153,9 +134,24 @@ TEST_F(RegistratorGetConfigFileTest, FailsForAFileThatCannotBeWritten) {
     SCOPED_TRACE(file);
     host.network.http.Answer(TemplateAnswer(kTemplate));
     ExpectFailure(Get("Agent", false, file),
-                  "14/5 Registrator: Failed to write configuration file: " + file + "\n");
+                  {14, 5, "Registrator", "Failed to write configuration file: " + file + "\n"});
   }
   EXPECT_EQ(host.requests().size(), 3U);
+}
+
+TEST_F(RegistratorGetConfigFileTest, FailsForADiskThatTakesAPartOfTheFile) {
+  const std::string file = directory.File("agent.cfg");
+  const auto size = static_cast<rlim_t>(PathsUnder("/data").size());
+  for (const rlim_t room : {rlim_t{10}, size - 1}) {
+    host.network.http.Answer(TemplateAnswer(kTemplate));
+    Outcome outcome;
+    {
+      const FileSizeLimit limit(room);
+      outcome = Get("Agent", false, file);
+    }
+    ExpectFailure(outcome,
+                  {14, 5, "Registrator", "Failed to write configuration file: " + file + "\n"});
+  }
 }
 
 TEST_F(RegistratorGetConfigFileTest, TouchesNoFileWhenTheRequestOrTheRewritingFails) {
@@ -163,10 +159,12 @@ TEST_F(RegistratorGetConfigFileTest, TouchesNoFileWhenTheRequestOrTheRewritingFa
   host.network.http.script.clear();
   host.network.http.Answer("***ERROR***\n4\ndescription: no such agent***DONE***\n");
   host.network.http.Answer(TemplateAnswer("stray line\\n"));
-  const Outcome refused = Get("Agent", false, file);
-  ExpectFailure(refused, kCallFailed);
-  EXPECT_THAT(refused.err, HasSubstr("no such agent"));
-  ExpectFailure(Get("Agent", false, file), "16/7 Registrator: Failed to load from input stream ");
+  ExpectFailure(
+      Get("Agent", false, file), kCallFailed,
+      "The webservice returned an error :no such agent\nServer's HTTP response code was 0\n");
+  ExpectFailure(Get("Agent", false, file),
+                {16, 7, "Registrator", "Failed to load from input stream "},
+                "Found an invalid line: stray line\n");
   EXPECT_EQ(ReadFile(file), "old");
 }
 
@@ -184,8 +182,9 @@ class GetConfigFileTest : public ::testing::Test {
               const std::string& password = "") {
     ScriptedRegistrator asked(arguments);
     asked.network.http.Answer(TemplateAnswer(answer));
-    const Outcome outcome = OutcomeOf(
-        [&] { GetConfigFile(asked.options, asked.registrator, 42, login, password, host); });
+    const support::ParsedOptions options(asked.options);
+    const Outcome outcome =
+        OutcomeOf([&] { GetConfigFile(options, asked.registrator, 42, login, password, host); });
     requests = asked.requests();
     return outcome;
   }
@@ -198,17 +197,17 @@ class GetConfigFileTest : public ::testing::Test {
 
 TEST_F(GetConfigFileTest, UsesTheInstallationOfTheNamedProductOrTheAgents) {
   const Words agent = AccountWith({"--type", "Agent"});
-  ExpectOutcome(Get(agent), PathsUnder("/opt/agent") + kPrinted);
+  ExpectSuccess(Get(agent), PathsUnder("/opt/agent") + kPrinted);
   EXPECT_EQ(FormValue(requests.at(0), "agentid"), "42");
   EXPECT_EQ(FormValue(requests.at(0), "configfiletemplateid"), "1");
-  ExpectOutcome(Get(With(agent, {"--productname", "Other"})), PathsUnder("/opt/other") + kPrinted);
+  ExpectSuccess(Get(With(agent, {"--productname", "Other"})), PathsUnder("/opt/other") + kPrinted);
 }
 
 TEST_F(GetConfigFileTest, WritesToDiskWhereTheRegistrySays) {
   const Words agent = AccountWith({"--type", "Agent", "--todisk"});
-  ExpectOutcome(Get(agent), "##Configfile written to " + directory.File("agent.cfg") + "\n");
+  ExpectSuccess(Get(agent), "##Configfile written to " + directory.File("agent.cfg") + "\n");
   EXPECT_EQ(ReadFile(directory.File("agent.cfg")), PathsUnder("/opt/agent"));
-  ExpectOutcome(Get(With(agent, {"--productname", "Other"})),
+  ExpectSuccess(Get(With(agent, {"--productname", "Other"})),
                 "##Configfile written to " + directory.File("other.cfg") + "\n");
   EXPECT_EQ(ReadFile(directory.File("other.cfg")), PathsUnder("/opt/other"));
 }
@@ -216,9 +215,9 @@ TEST_F(GetConfigFileTest, WritesToDiskWhereTheRegistrySays) {
 TEST_F(GetConfigFileTest, WritesToTheGivenFileOnlyWithToDisk) {
   const std::string file = directory.File("given.cfg");
   const Words agent = AccountWith({"--type", "Agent", "--file", file});
-  ExpectOutcome(Get(agent), PathsUnder("/opt/agent") + kPrinted);
+  ExpectSuccess(Get(agent), PathsUnder("/opt/agent") + kPrinted);
   EXPECT_FALSE(Exists(file));
-  ExpectOutcome(Get(With(agent, {"--todisk"})), "##Configfile written to " + file + "\n");
+  ExpectSuccess(Get(With(agent, {"--todisk"})), "##Configfile written to " + file + "\n");
   EXPECT_EQ(ReadFile(file), PathsUnder("/opt/agent"));
   EXPECT_FALSE(Exists(directory.File("agent.cfg")));
 }
@@ -228,16 +227,18 @@ TEST_F(GetConfigFileTest, DemandsAStoragePathForRoutersAndServerAgents) {
        {Words{"--type", "ContentRouter"}, Words{"--type", "Agent", "--server"}}) {
     SCOPED_TRACE(::testing::PrintToString(component));
     const Words arguments = AccountWith(component);
-    ExpectFailure(Get(arguments), "18/5 TZRegister: Could not find storage in parameter");
+    ExpectFailure(Get(arguments), {18, 5, "TZRegister", "Could not find storage in parameter"});
     EXPECT_THAT(requests, IsEmpty());
     const Outcome outcome = Get(With(arguments, {"--storage", "/stored"}));
-    EXPECT_EQ(outcome.failure, "");
+    EXPECT_EQ(outcome.result, 0);
     EXPECT_THAT(outcome.out, HasSubstr("=/stored/"));
+    EXPECT_EQ(outcome.err, "");
   }
 }
 
 TEST_F(GetConfigFileTest, PassesTheServerOptionOn) {
-  EXPECT_EQ(Get(AccountWith({"--type", "Agent", "--server", "--storage", "/s"})).failure, "");
+  ExpectSuccess(Get(AccountWith({"--type", "Agent", "--server", "--storage", "/s"})),
+                PathsUnder("/s") + kPrinted);
   EXPECT_EQ(FormValue(requests.at(0), "configfiletemplateid"), "2");
 }
 
@@ -245,27 +246,27 @@ TEST_F(GetConfigFileTest, DoesNotLookAtTheStoragePathOfOtherComponents) {
   for (const Words& component : {Words{"--type", "Agent"}, Words{"--type", "StoragePoolAuthority"},
                                  Words{"--type", "StoragePoolAuthority", "--server"}}) {
     SCOPED_TRACE(::testing::PrintToString(component));
-    ExpectOutcome(Get(AccountWith(With(component, {"--storage", "/ignored"}))),
+    ExpectSuccess(Get(AccountWith(With(component, {"--storage", "/ignored"}))),
                   PathsUnder("/opt/agent") + kPrinted);
   }
 }
 
 TEST_F(GetConfigFileTest, NeedsUrlThenTypeThenStorage) {
-  ExpectFailure(Get({"--server"}), "18/5 TZRegister: url must exist in parameter");
-  ExpectFailure(Get({"--type", "ContentRouter"}), "18/5 TZRegister: url must exist in parameter");
+  ExpectFailure(Get({"--server"}), kNoUrl);
+  ExpectFailure(Get({"--type", "ContentRouter"}), kNoUrl);
   ExpectFailure(Get({"--url", "u", "--server"}),
-                "18/5 TZRegister: Could not find type in parameter");
+                {18, 5, "TZRegister", "Could not find type in parameter"});
   ExpectFailure(Get({"--url", "u", "--type", "ContentRouter"}),
-                "18/5 TZRegister: Could not find storage in parameter");
+                {18, 5, "TZRegister", "Could not find storage in parameter"});
   EXPECT_THAT(requests, IsEmpty());
 }
 
 TEST_F(GetConfigFileTest, LeavesTheCheckOfTheTypeToTheOperation) {
-  EXPECT_THAT(Get(AccountWith({"--type", "agent", "--server"})).failure,
-              HasSubstr("16/5 StringCheck: Type \"agent\" is not a valid type."));
+  ExpectFailure(Get(AccountWith({"--type", "agent", "--server"})), UnknownType("agent"));
   ExpectFailure(Get(AccountWith({"--type", "Controller"})),
-                "16/7 Registrator: Failed to define configfile template ID for component type "
-                "Controller");
+                {16, 7, "Registrator",
+                 "Failed to define configfile template ID for component type "
+                 "Controller"});
 }
 
 TEST_F(GetConfigFileTest, AsksTheRegistryBeforeItLooksAtAnyOption) {
@@ -273,14 +274,16 @@ TEST_F(GetConfigFileTest, AsksTheRegistryBeforeItLooksAtAnyOption) {
   host.installed = false;
   host.executable = "/opt/x/bin/tool";
   const Outcome outcome = Get({});
-  EXPECT_EQ(outcome.failure, "18/5 TZRegister: url must exist in parameter");
+  EXPECT_EQ(outcome.failure, kNoUrl);
   EXPECT_EQ(outcome.out,
             "can't acccess /usr/zenta/vrmo/qxag, use the path of current executable app /opt/x\n");
-  EXPECT_THAT(outcome.err, HasSubstr(host.registryFile + " doesn't exist"));
+  EXPECT_EQ(outcome.err, "Failed to open input file:" + host.registryFile + "\n" +
+                             host.registryFile + " doesn't exist, use the default values\n");
 }
 
 TEST_F(GetConfigFileTest, FailsForAProductThatIsNotInstalledBeforeItLooksAtAnyOption) {
-  ExpectFailure(Get({"--productname", "Absent"}), "18/5 TZRegister: Could not open TZRegister");
+  ExpectFailure(Get({"--productname", "Absent"}),
+                {18, 5, "TZRegister", "Could not open TZRegister"});
 }
 
 TEST_F(GetConfigFileTest, PassesTheAccountOn) {

@@ -7,7 +7,7 @@
 
 #include "support/password.h"
 #include "tests/registration/scripted_registrator.h"
-#include "tests/testing/heap_watch.h"
+#include "tests/testing/disguised_secret.h"
 #include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"
 
@@ -23,7 +23,7 @@ struct Reading {
   std::string passwd = "old passwd";
   std::string keydir = "old keydir";
   std::string agentid = "old agentid";
-  std::string failure = {};
+  Thrown failure = {};
 };
 
 bool operator==(const Reading& a, const Reading& b) {
@@ -49,7 +49,7 @@ Reading ReadFrom(const std::string& file, const std::string& err = "") {
   return reading;
 }
 
-std::string Refusal(const std::string& description) { return "16/7 Registrator: " + description; }
+Thrown Refusal(const std::string& description) { return {16, 7, "Registrator", description}; }
 
 Reading Refused(const std::string& description) {
   Reading reading;
@@ -250,15 +250,23 @@ TEST_F(CredentialFileTest, NeverWritesToTheFile) {
   EXPECT_EQ(ReadFile(file), content);
 }
 
-TEST_F(CredentialFileTest, LeavesNoCopyOfThePasswordOnTheHeap) {
-  const std::string secret = "a password too long to lie inside the object";
-  const std::string file = Write("sys", Encrypted(WriteKey(), secret));
-  Reading reading;
-  const FreedTextWatch watch(secret);
-  Registrator::GetCredentialFromFile(file, &reading.url, &reading.login, &reading.passwd,
-                                     &reading.keydir, &reading.agentid);
-  EXPECT_FALSE(watch.seen());
-  EXPECT_EQ(reading.passwd, secret);
+TEST_F(CredentialFileTest, LeavesNoCopyOfThePasswordBesideTheOneItHandsOut) {
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret secret(length);
+    char sealed[512];
+    secret.Reveal([&](const char* text) {
+      EXPECT_EQ(EncryptPasswdWithKey(WriteKey().c_str(), text, sealed, sizeof(sealed)), 0);
+    });
+    const std::string file = Write("sys", sealed);
+    {
+      StoredCredentials stored;
+      Registrator::GetCredentialFromFile(file, &stored.url, &stored.login, stored.passwd.Receive(),
+                                         &stored.keydir, &stored.agentid);
+      EXPECT_TRUE(secret.Is(stored.passwd.text()));
+      EXPECT_EQ(secret.Copies(), 1U);
+    }
+    EXPECT_EQ(secret.Copies(), 0U);
+  }
 }
 
 }  // namespace

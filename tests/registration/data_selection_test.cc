@@ -17,12 +17,9 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 
-using Words = std::vector<std::string>;
-
 constexpr char kNoType[] = "Warning: No dstypeid parameter given. Continuing without.\n";
 constexpr char kNoRules[] = "Warning: No dsrules parameter given. Continuing without.\n";
-constexpr char kNoName[] =
-    "16/5 StringCheck: Parameter dsname is empty. Please provide valid input";
+const Thrown kNoName{16, 5, "StringCheck", "Parameter dsname is empty. Please provide valid input"};
 
 /// An installed agent with id 7.
 class CreateDataSelectionTest : public ::testing::Test {
@@ -42,14 +39,8 @@ class CreateDataSelectionTest : public ::testing::Test {
   ScriptedRegistrator agent{Words{}};
 };
 
-void ExpectQuiet(const Outcome& outcome) {
-  EXPECT_EQ(outcome.failure, "");
-  EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(outcome.err, "");
-}
-
 TEST_F(CreateDataSelectionTest, SendsEachValueUnderItsOwnNameWithTheStoredAccount) {
-  ExpectQuiet(Create(&agent, "the name", "+ /home\n- /tmp", "003"));
+  ExpectSuccess(Create(&agent, "the name", "+ /home\n- /tmp", "003"));
   ASSERT_EQ(agent.requests().size(), 1U);
   EXPECT_EQ(agent.requests()[0].url, "http://agent/ws_dataselection.php");
   EXPECT_THAT(agent.requests()[0].form,
@@ -62,7 +53,7 @@ TEST_F(CreateDataSelectionTest, SendsEachValueUnderItsOwnNameWithTheStoredAccoun
 TEST_F(CreateDataSelectionTest, PrefersTheAgentIdOfTheCommandLine) {
   for (const std::string id : {"0", "12", "18446744073709551615"}) {
     ScriptedRegistrator host(Words{"--agentid", id});
-    ExpectQuiet(Create(&host, "n", "r", "1"));
+    ExpectSuccess(Create(&host, "n", "r", "1"));
     EXPECT_EQ(FormValue(host.requests().at(0), "agentid"), id);
   }
 }
@@ -70,7 +61,7 @@ TEST_F(CreateDataSelectionTest, PrefersTheAgentIdOfTheCommandLine) {
 TEST_F(CreateDataSelectionTest, SendsAnEmptyAgentIdWhenThereIsNone) {
   directory.Write("agent.cfg",
                   "[spa]\nurl=u\n[systemaccount]\nlogin=l\npasswd=p\n[paths]\nkeydir=/nowhere\n");
-  ExpectQuiet(Create(&agent, "n", "r", "1"));
+  ExpectSuccess(Create(&agent, "n", "r", "1"));
   EXPECT_EQ(FormValue(agent.requests().at(0), "agentid"), "");
 }
 
@@ -84,9 +75,7 @@ TEST_F(CreateDataSelectionTest, WarnsOfMissingTypeAndRulesAndGoesOn) {
     SCOPED_TRACE(row.warnings);
     ScriptedRegistrator host(Words{});
     const Outcome outcome = Create(&host, "n", row.rules, row.type);
-    EXPECT_EQ(outcome.failure, "");
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err, row.warnings);
+    ExpectFailure(outcome, kNothingThrown, row.warnings);
     EXPECT_EQ(FormValue(host.requests().at(0), "dstypeid"), row.type);
     EXPECT_EQ(FormValue(host.requests().at(0), "dataselection"), row.rules);
   }
@@ -96,8 +85,7 @@ TEST_F(CreateDataSelectionTest, RefusesATypeThatIsNoNumberBeforeItLooksAtTheRule
   for (const std::string type : {"x", "-1", "1.5", " 1", "1 ", "0x1"}) {
     SCOPED_TRACE(type);
     const Outcome outcome = Create(&agent, "n", "", type);
-    EXPECT_EQ(outcome.failure, "16/5 StringCheck: String is not a number: " + type);
-    EXPECT_EQ(outcome.out + outcome.err, "");
+    ExpectFailure(outcome, {16, 5, "StringCheck", "String is not a number: " + type});
   }
   EXPECT_THAT(agent.requests(), IsEmpty());
 }
@@ -105,29 +93,28 @@ TEST_F(CreateDataSelectionTest, RefusesATypeThatIsNoNumberBeforeItLooksAtTheRule
 TEST_F(CreateDataSelectionTest, RefusesAnEmptyNameBeforeItLooksAtTypeAndRules) {
   for (const std::string type : {"", "x"}) {
     const Outcome outcome = Create(&agent, "", "", type);
-    EXPECT_EQ(outcome.failure, kNoName);
-    EXPECT_EQ(outcome.out + outcome.err, "");
+    ExpectFailure(outcome, kNoName);
   }
   EXPECT_THAT(agent.requests(), IsEmpty());
 }
 
 TEST_F(CreateDataSelectionTest, ReportsTheCredentialFileFirst) {
   file = directory.File("missing.cfg");
-  EXPECT_EQ(Create(&agent, "", "", "x").failure,
-            "16/7 Registrator: Failed to load from file " + file + "\n");
+  ExpectFailure(Create(&agent, "", "", "x"),
+                {16, 7, "Registrator", "Failed to load from file " + file + "\n"},
+                "Failed to open input file:" + file + "\n");
   file = directory.Write("agent.cfg", "[spa]\nurl=u\n[systemaccount]\nlogin=l\n");
-  EXPECT_EQ(Create(&agent, "", "", "x").failure,
-            "16/7 Registrator: Failed to load passwd from file\n");
+  ExpectFailure(Create(&agent, "", "", "x"),
+                {16, 7, "Registrator", "Failed to load passwd from file\n"});
   EXPECT_THAT(agent.requests(), IsEmpty());
 }
 
 TEST_F(CreateDataSelectionTest, PassesFailuresOfTheRequestOn) {
   agent.network.http.Answer("***ERROR***\n5\ndescription: name taken***DONE***\n");
   const Outcome outcome = Create(&agent, "n", "r", "1");
-  EXPECT_EQ(outcome.failure, kCallFailed);
-  EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(outcome.err,
-            "The webservice returned an error :name taken\nServer's HTTP response code was 0\n");
+  ExpectFailure(
+      outcome, kCallFailed,
+      "The webservice returned an error :name taken\nServer's HTTP response code was 0\n");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "tests/registration/scripted_registrator.h"
 #include "tests/testing/authority_answers.h"
+#include "tests/testing/command_line.h"
 #include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"
 
@@ -15,13 +16,11 @@ namespace {
 
 using namespace storage::testing;
 
-using Words = std::vector<std::string>;
-
 /// The two names, and the failure if there was one.
 struct Names {
   std::string first = "old first";
   std::string second = "old second";
-  std::string failure;
+  Thrown failure;
 };
 
 bool operator==(const Names& a, const Names& b) {
@@ -51,7 +50,7 @@ Names NamesFor(const Words& arguments, const std::string& configFile = "",
 
 Names Refused(int severity, const std::string& description) {
   Names names;
-  names.failure = "16/" + std::to_string(severity) + " Registrator: " + description;
+  names.failure = {16, severity, "Registrator", description};
   return names;
 }
 
@@ -151,17 +150,26 @@ TEST(FilenamesFromArguments, RefusesEveryOtherCombination) {
 TEST(FilenamesFromArguments, NeedsBothOutputsBeforeAnythingElse) {
   ScriptedRegistrator test(Words{});
   std::string name = "old";
-  const std::string expected = "16/5 Registrator: filename1 or filename2 is missing\n";
+  const Thrown expected{16, 5, "Registrator", "filename1 or filename2 is missing\n"};
   Registrator& registrator = test.registrator;
-  EXPECT_EQ(OutcomeOf([&] {
-              registrator.FilenamesFromArguments(&name, nullptr, "d", "", "", "");
-            }).failure,
-            expected);
-  EXPECT_EQ(OutcomeOf([&] {
-              registrator.FilenamesFromArguments(nullptr, &name, "d", "", "", "");
-            }).failure,
-            expected);
+  ExpectFailure(
+      OutcomeOf([&] { registrator.FilenamesFromArguments(&name, nullptr, "d", "", "", ""); }),
+      expected);
+  ExpectFailure(
+      OutcomeOf([&] { registrator.FilenamesFromArguments(nullptr, &name, "d", "", "", ""); }),
+      expected);
   EXPECT_EQ(name, "old");
+}
+
+TEST(FilenamesFromArguments, TouchesNoOutputWhenAnOptionIsOfAnotherKind) {
+  auto options = Options({"--file", "a", "--file2", "b"});
+  options.at("file2").value() = 7UL;
+  Registrator registrator(options, nullptr);
+  std::string first = "old first";
+  std::string second = "old second";
+  EXPECT_THROW(registrator.FilenamesFromArguments(&first, &second, "keydir", "n", ".c", ".k"),
+               boost::bad_any_cast);
+  EXPECT_EQ(first + ", " + second, "old first, old second");
 }
 
 }  // namespace

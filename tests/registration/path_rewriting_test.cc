@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <boost/filesystem/exception.hpp>
 #include <filesystem>
@@ -16,8 +17,6 @@ namespace corvel::storage::tzregister {
 namespace {
 
 using namespace storage::testing;
-
-using Words = std::vector<std::string>;
 using tzconfig::TZConfig;
 
 /// Reads `text` into `*config`.
@@ -222,8 +221,7 @@ Rewriting Rewrite(const Words& arguments, const std::string& text, const Account
 }
 
 void ExpectText(const Rewriting& done, const std::string& text) {
-  EXPECT_EQ(done.outcome.failure, "");
-  EXPECT_EQ(done.outcome.out + done.outcome.err, "");
+  ExpectSuccess(done.outcome);
   EXPECT_EQ(done.text, text);
 }
 
@@ -239,7 +237,9 @@ TEST(ReplacePathsInConfigFile, RewritesTheRoutersTemplateAloneAsARouters) {
     ExpectText(Rewrite({}, text, {}, "/data", id), "[paths]\nlog=/data/a\n[Logging]\nLogPath=b\n");
   }
   const Rewriting router = Rewrite({}, text, {}, "/data", Registrator::TEMPLATE_CONTENT_ROUTER);
-  EXPECT_EQ(router.text.substr(0, 41), "[paths]\nlog=a\n[Logging]\nLogPath=/data/b\n[");
+  ExpectText(router,
+             "[paths]\nlog=a\n[Logging]\nLogPath=/data/b\n"
+             "[ContentRouter]\n[Spooler]\n[StorageDaemon]\n[SSL]\n");
 }
 
 TEST(ReplacePathsInConfigFile, CreatesDirectoriesWithMkdirAlone) {
@@ -247,16 +247,31 @@ TEST(ReplacePathsInConfigFile, CreatesDirectoriesWithMkdirAlone) {
   const std::string storage = directory.File("s");
   const std::string absolute = directory.File("absolute");
   const std::string text = "[paths]\nlog=log\ntemp=" + absolute + "\n";
-  EXPECT_EQ(Rewrite({}, text, {}, storage).outcome.failure, "");
+  ExpectSuccess(Rewrite({}, text, {}, storage).outcome);
   EXPECT_FALSE(Exists(storage));
-  EXPECT_EQ(Rewrite({"--mkdir"}, text, {}, storage).outcome.failure, "");
+  ExpectSuccess(Rewrite({"--mkdir"}, text, {}, storage).outcome);
   EXPECT_TRUE(std::filesystem::is_directory(storage + "/log"));
   EXPECT_FALSE(Exists(absolute));
-  EXPECT_EQ(Rewrite({"--mkdir"}, "[ContentRouter]\nRouteTableLocation=rt\n", {}, storage,
-                    Registrator::TEMPLATE_CONTENT_ROUTER)
-                .outcome.failure,
-            "");
+  ExpectSuccess(Rewrite({"--mkdir"}, "[ContentRouter]\nRouteTableLocation=rt\n", {}, storage,
+                        Registrator::TEMPLATE_CONTENT_ROUTER)
+                    .outcome);
   EXPECT_TRUE(std::filesystem::is_directory(storage + "/rt"));
+}
+
+TEST(ReplacePathsInConfigFile, CreatesTheDirectoriesOfKeysForTheirOwnerAlone) {
+  const TempDirectory directory;
+  const std::string storage = directory.File("s");
+  const mode_t before = umask(0);
+  const Rewriting agent = Rewrite({"--mkdir"}, "[Paths]\nKeyDir=keys\nlog=log\n", {}, storage);
+  const Rewriting router =
+      Rewrite({"--mkdir"}, "[SSL]\nCertFileName=cert\nPrivateKeyFileName=key\n", {}, storage,
+              Registrator::TEMPLATE_CONTENT_ROUTER);
+  umask(before);
+  EXPECT_EQ(agent.outcome.failure, kNothingThrown);
+  EXPECT_EQ(router.outcome.failure, kNothingThrown);
+  for (const char* open : {"", "/log", "/cert"}) EXPECT_EQ(FileMode(storage + open), 0755U) << open;
+  for (const char* closed : {"/keys", "/key"})
+    EXPECT_EQ(FileMode(storage + closed), 0700U) << closed;
 }
 
 TEST(ReplacePathsInConfigFile, RefusesAMissingStream) {
@@ -270,8 +285,7 @@ TEST(ReplacePathsInConfigFile, RefusesAMissingStream) {
     });
   };
   for (const Outcome& outcome : {call(nullptr, &out), call(&in, nullptr)}) {
-    EXPECT_EQ(outcome.failure, "6/5 Registrator: in, out or storagepath is NULL");
-    EXPECT_EQ(outcome.out + outcome.err, "");
+    ExpectFailure(outcome, {6, 5, "Registrator", "in, out or storagepath is NULL"});
   }
 }
 
@@ -288,9 +302,8 @@ TEST(ReplacePathsInConfigFile, RefusesATemplateThatDoesNotParse) {
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.text);
     const Rewriting done = Rewrite({}, row.text);
-    EXPECT_EQ(done.outcome.failure, "16/7 Registrator: Failed to load from input stream ");
-    EXPECT_EQ(done.outcome.out, "");
-    EXPECT_EQ(done.outcome.err, row.notice);
+    ExpectFailure(done.outcome, {16, 7, "Registrator", "Failed to load from input stream "},
+                  row.notice);
     EXPECT_EQ(done.text, "");
   }
 }
@@ -308,12 +321,12 @@ TEST(ReplacePathsInConfigFile, FailsForStreamsThatAreNotGood) {
   };
   bad.setstate(std::ios::badbit);
   const Outcome unread = call(&bad);
-  EXPECT_EQ(unread.failure, "16/7 Registrator: Failed to load from input stream ");
-  EXPECT_EQ(unread.err, "Failed to open input file:\n");
+  ExpectFailure(unread, {16, 7, "Registrator", "Failed to load from input stream "},
+                "Failed to open input file:\n");
   out.setstate(std::ios::badbit);
   const Outcome unwritten = call(&good);
-  EXPECT_EQ(unwritten.failure, "16/7 Registrator: Failed to dump to output stream ");
-  EXPECT_EQ(unwritten.err, "Failed to open file: \n");
+  ExpectFailure(unwritten, {16, 7, "Registrator", "Failed to dump to output stream "},
+                "Failed to open file: \n");
 }
 
 constexpr char kAccountTemplate[] = "[systemaccount]\n# who\nlogin=l\npasswd=p\n[paths]\nlog=/l\n";
@@ -384,8 +397,7 @@ TEST_F(SystemAccountTest, StoresThePasswordEncryptedWithTheKeyOfTheRewrittenDire
 
 TEST_F(SystemAccountTest, NeedsAKeyDirectory) {
   const Rewriting done = RewriteHere("[paths]\nlog=l\n", {"sys", "syspw"});
-  EXPECT_EQ(done.outcome.failure, "16/7 Registrator: Failed to load keydir from file\n");
-  EXPECT_EQ(done.outcome.out + done.outcome.err, "");
+  ExpectFailure(done.outcome, {16, 7, "Registrator", "Failed to load keydir from file\n"});
   EXPECT_EQ(done.text, "");
 }
 
@@ -399,8 +411,7 @@ TEST_F(SystemAccountTest, FailsWhenThePasswordCannotBeEncrypted) {
     SCOPED_TRACE(row.keydir);
     const Rewriting done =
         RewriteHere("[paths]\nkeydir=" + row.keydir + "\n", {"sys", row.password});
-    EXPECT_EQ(done.outcome.failure, "16/7 Registrator: Failed to encrypt password from file\n");
-    EXPECT_EQ(done.outcome.out + done.outcome.err, "");
+    ExpectFailure(done.outcome, {16, 7, "Registrator", "Failed to encrypt password from file\n"});
     EXPECT_EQ(done.text, "");
   }
 }
@@ -408,7 +419,7 @@ TEST_F(SystemAccountTest, FailsWhenThePasswordCannotBeEncrypted) {
 TEST_F(SystemAccountTest, MakesDirectoriesBeforeItLooksForTheKey) {
   const Rewriting done = Rewrite({"--agentType", "0", "--mkdir"}, "[paths]\nkeydir=fresh\n",
                                  {"sys", "syspw"}, directory.path());
-  EXPECT_EQ(done.outcome.failure, "16/7 Registrator: Failed to encrypt password from file\n");
+  ExpectFailure(done.outcome, {16, 7, "Registrator", "Failed to encrypt password from file\n"});
   EXPECT_TRUE(Exists(directory.File("fresh")));
 }
 

@@ -16,22 +16,6 @@ namespace {
 
 using namespace storage::testing;
 
-using Words = std::vector<std::string>;
-
-TEST(HostConstants, AreWhatEveryHostTellsTheAuthority) {
-  EXPECT_EQ(AgentVersion, "6.6.0.12345");
-  EXPECT_EQ(OSVariantId, 0);
-  EXPECT_EQ(OSTypeId, 20);
-  EXPECT_EQ(OSEextensions, "");
-}
-
-TEST(Templates, HaveTheNumbersOfTheAuthority) {
-  EXPECT_EQ(Registrator::TEMPLATE_AGENT, 1);
-  EXPECT_EQ(Registrator::TEMPLATE_SERVER_AGENT, 2);
-  EXPECT_EQ(Registrator::TEMPLATE_CONTENT_ROUTER, 3);
-  EXPECT_EQ(Registrator::TEMPLATE_STORAGE_POOL_AUTHORITY, 6);
-}
-
 struct TypeActions {
   std::string type;
   std::vector<std::string> actions;
@@ -72,24 +56,27 @@ TEST(ValidateAction, AcceptsWhatTheTypeAllowsAndRefusesTheRest) {
       SCOPED_TRACE(row.type + "/" + action);
       const bool allowed =
           std::find(row.actions.begin(), row.actions.end(), action) != row.actions.end();
-      const std::string expected = "6/5 Registrator: " + Refusal(action, row);
+      const Thrown refused{6, 5, "Registrator", Refusal(action, row)};
       EXPECT_EQ(OutcomeOf([&] { test.registrator.ValidateAction(action, row.type); }).failure,
-                allowed ? "" : expected);
+                allowed ? kNothingThrown : refused);
     }
   }
 }
 
 TEST(ValidateAction, ListsWhatIsAllowedInItsOrder) {
   const ScriptedRegistrator test(Words{});
-  EXPECT_EQ(OutcomeOf([&] { test.registrator.ValidateAction("discover", "Agent"); }).failure,
-            "6/5 Registrator: Action discover is not a valid action for type Agent.\n"
-            "Valid actions are: register configfile routingtables certificate createds \n");
-  EXPECT_EQ(OutcomeOf([&] { test.registrator.ValidateAction("configfile", "Controller"); }).failure,
-            "6/5 Registrator: Action configfile is not a valid action for type Controller.\n"
-            "Valid actions are: \n");
-  EXPECT_EQ(OutcomeOf([&] { test.registrator.ValidateAction("register", ""); }).failure,
-            "6/5 Registrator: Action register is not a valid action for type .\n"
-            "Valid actions are: createds routingtables discover \n");
+  ExpectFailure(OutcomeOf([&] { test.registrator.ValidateAction("discover", "Agent"); }),
+                {6, 5, "Registrator",
+                 "Action discover is not a valid action for type Agent.\n"
+                 "Valid actions are: register configfile routingtables certificate createds \n"});
+  ExpectFailure(OutcomeOf([&] { test.registrator.ValidateAction("configfile", "Controller"); }),
+                {6, 5, "Registrator",
+                 "Action configfile is not a valid action for type Controller.\n"
+                 "Valid actions are: \n"});
+  ExpectFailure(OutcomeOf([&] { test.registrator.ValidateAction("register", ""); }),
+                {6, 5, "Registrator",
+                 "Action register is not a valid action for type .\n"
+                 "Valid actions are: createds routingtables discover \n"});
 }
 
 TEST(ValidateAction, PrintsNothing) {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -22,11 +23,10 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 
-using Words = std::vector<std::string>;
+const Thrown kMissingAgentId{17, 5, "Registrator",
+                             "agentid is missing, it is required for GetRoutingTables."};
 
-constexpr char kMissingAgentId[] =
-    "17/5 Registrator: agentid is missing, it is required for GetRoutingTables.";
-
+constexpr char kBothTables[] = "better\npresent";
 /// An installed agent: a key directory without a key file, and its account.
 class GetRoutingTablesTest : public ::testing::Test {
  protected:
@@ -49,15 +49,9 @@ class GetRoutingTablesTest : public ::testing::Test {
   std::string file;
 };
 
-void ExpectQuiet(const Outcome& outcome) {
-  EXPECT_EQ(outcome.failure, "");
-  EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(outcome.err, "");
-}
-
 TEST_F(GetRoutingTablesTest, AsksWithTheStoredAccountForThePool) {
   ScriptedRegistrator host(Words{"--agentid", "9"});
-  EXPECT_EQ(Get(&host, "", "", std::numeric_limits<std::int64_t>::min()).failure, "");
+  ExpectSuccess(Get(&host, "", "", std::numeric_limits<std::int64_t>::min()), kBothTables);
   ASSERT_EQ(host.requests().size(), 1U);
   EXPECT_EQ(host.requests()[0].url, "http://agent/ws_agent.php");
   EXPECT_THAT(
@@ -75,7 +69,7 @@ TEST_F(GetRoutingTablesTest, AsksWithThePlainPassword) {
                          "[spa]\nurl=u\n[systemaccount]\nlogin=l\npasswd=" + std::string(sealed) +
                              "\n[paths]\nkeydir=" + directory.path() + "\n");
   ScriptedRegistrator host(Words{"--agentid", "9"});
-  EXPECT_EQ(Get(&host, "", "").failure, "");
+  ExpectSuccess(Get(&host, "", ""), kBothTables);
   EXPECT_EQ(FormValue(host.requests().at(0), "passwd"), "plainpw");
 }
 
@@ -83,8 +77,7 @@ TEST_F(GetRoutingTablesTest, FailsWithoutAnAgentIdBeforeItReadsTheCredentialFile
   file = directory.File("missing.cfg");
   ScriptedRegistrator host(Words{});
   const Outcome outcome = Get(&host, "", "");
-  EXPECT_EQ(outcome.failure, kMissingAgentId);
-  EXPECT_EQ(outcome.out + outcome.err, "");
+  ExpectFailure(outcome, kMissingAgentId);
   EXPECT_THAT(host.requests(), IsEmpty());
 }
 
@@ -92,21 +85,20 @@ TEST_F(GetRoutingTablesTest, FailsInTheSameWordsWithoutACredentialFile) {
   file = "";
   ScriptedRegistrator host(Words{"--agentid", "9"});
   const Outcome outcome = Get(&host, "", "");
-  EXPECT_EQ(outcome.failure, kMissingAgentId);
-  EXPECT_EQ(outcome.out + outcome.err, "");
+  ExpectFailure(outcome, kMissingAgentId);
   EXPECT_THAT(host.requests(), IsEmpty());
 }
 
 TEST_F(GetRoutingTablesTest, NeedsTheAgentIdOptionWhateverItsValue) {
   ScriptedRegistrator host(Words{"--agentid", "0"});
-  EXPECT_EQ(Get(&host, "", "").failure, "");
+  ExpectSuccess(Get(&host, "", ""), kBothTables);
   EXPECT_EQ(FormValue(host.requests().at(0), "id"), "(none)");
 }
 
 TEST_F(GetRoutingTablesTest, PassesFailuresOfTheCredentialFileOn) {
   file = directory.Write("agent.cfg", "[spa]\nurl=u\n");
   ScriptedRegistrator host(Words{"--agentid", "9"});
-  EXPECT_EQ(Get(&host, "", "").failure, "16/7 Registrator: Failed to load login from file\n");
+  ExpectFailure(Get(&host, "", ""), {16, 7, "Registrator", "Failed to load login from file\n"});
   EXPECT_THAT(host.requests(), IsEmpty());
 }
 
@@ -114,18 +106,16 @@ TEST_F(GetRoutingTablesTest, PrintsBothTablesUnlessBothFilesAreNamed) {
   const std::string named = directory.File("named");
   for (const bool first : {true, false}) {
     const Outcome outcome = Get(first ? named : "", first ? "" : named);
-    EXPECT_EQ(outcome.failure, "");
-    EXPECT_EQ(outcome.out, "better\npresent");
-    EXPECT_EQ(outcome.err, "");
+    ExpectSuccess(outcome, kBothTables);
     EXPECT_FALSE(Exists(named));
   }
-  EXPECT_EQ(Get("", "").out, "better\npresent");
+  EXPECT_EQ(Get("", "").out, kBothTables);
 }
 
 TEST_F(GetRoutingTablesTest, WritesEachTableToItsFile) {
   const std::string first = directory.File("first");
   const std::string second = directory.File("second");
-  ExpectQuiet(Get(first, second));
+  ExpectSuccess(Get(first, second));
   EXPECT_EQ(ReadFile(first), "better\n");
   EXPECT_EQ(ReadFile(second), "present");
 }
@@ -134,7 +124,7 @@ TEST_F(GetRoutingTablesTest, CreatesFilesAsTheUmaskSays) {
   const std::string first = directory.File("first");
   const std::string second = directory.File("second");
   const mode_t before = umask(0027);
-  ExpectQuiet(Get(first, second));
+  ExpectSuccess(Get(first, second));
   umask(before);
   EXPECT_EQ(FileMode(first), 0640U);
   EXPECT_EQ(FileMode(second), 0640U);
@@ -146,7 +136,7 @@ TEST_F(GetRoutingTablesTest, OverwritesBothFilesAndKeepsTheirModes) {
   ASSERT_EQ(chmod(first.c_str(), 0604), 0);
   ASSERT_EQ(chmod(second.c_str(), 0640), 0);
   for (int run = 0; run < 2; ++run) {
-    ExpectQuiet(Get(first, second));
+    ExpectSuccess(Get(first, second));
     EXPECT_EQ(ReadFile(first), "better\n");
     EXPECT_EQ(ReadFile(second), "present");
   }
@@ -159,8 +149,7 @@ TEST_F(GetRoutingTablesTest, ReportsTheFirstFileThatCannotBeOpenedButEmptiesTheS
   for (const std::string& bad : {directory.path(), directory.File("missing/first")}) {
     SCOPED_TRACE(bad);
     const Outcome outcome = Get(bad, second);
-    EXPECT_EQ(outcome.failure, "14/5 Registrator: Failed to write file: " + bad + "\n");
-    EXPECT_EQ(outcome.out + outcome.err, "");
+    ExpectFailure(outcome, {14, 5, "Registrator", "Failed to write file: " + bad + "\n"});
     EXPECT_EQ(ReadFile(second), "");
   }
 }
@@ -169,33 +158,59 @@ TEST_F(GetRoutingTablesTest, LeavesTheFirstFileEmptyWhenTheSecondCannotBeOpened)
   const std::string first = directory.File("first");
   for (const std::string& bad : {directory.path(), directory.File("missing/second")}) {
     SCOPED_TRACE(bad);
-    EXPECT_EQ(Get(first, bad).failure, "14/5 Registrator: Failed to write file: " + bad + "\n");
+    ExpectFailure(Get(first, bad), {14, 5, "Registrator", "Failed to write file: " + bad + "\n"});
     EXPECT_EQ(ReadFile(first), "");
   }
 }
 
 TEST_F(GetRoutingTablesTest, ReportsTheFirstFileWhenNeitherCanBeOpened) {
   const std::string first = directory.File("missing/first");
-  EXPECT_EQ(Get(first, directory.File("missing/second")).failure,
-            "14/5 Registrator: Failed to write file: " + first + "\n");
+  ExpectFailure(Get(first, directory.File("missing/second")),
+                {14, 5, "Registrator", "Failed to write file: " + first + "\n"});
+}
+
+TEST_F(GetRoutingTablesTest, RefusesOneFileForBothAndLosesNothing) {
+  const std::string first = directory.Write("first", "old");
+  const std::string linked = directory.File("link");
+  ASSERT_EQ(link(first.c_str(), linked.c_str()), 0);
+  for (const std::string& other : {first, linked}) {
+    SCOPED_TRACE(other);
+    ExpectFailure(Get(first, other),
+                  {14, 5, "Registrator", "Failed to write file: " + other + "\n"});
+    EXPECT_EQ(ReadFile(first), "old");
+  }
+}
+
+TEST_F(GetRoutingTablesTest, WritesBothToOneDevice) {
+  ExpectSuccess(Get("/dev/null", "/dev/null"));
 }
 
 TEST_F(GetRoutingTablesTest, DoesNotExamineWhatTheDiskMakesOfTheTables) {
   const std::string other = directory.File("other");
-  ExpectQuiet(Get("/dev/full", other));
+  ExpectSuccess(Get("/dev/full", other));
   EXPECT_EQ(ReadFile(other), "present");
-  ExpectQuiet(Get(other, "/dev/full"));
+  ExpectSuccess(Get(other, "/dev/full"));
   EXPECT_EQ(ReadFile(other), "better\n");
 }
 
 TEST_F(GetRoutingTablesTest, TouchesNoFileWhenTheAnswerIsNoTable) {
   const std::string first = directory.Write("first", "old");
   const std::string second = directory.File("second");
-  for (const std::string& answer :
-       {std::string("no table"), OneRecord("cr_recommendedrt", "S", "better")}) {
+  const struct {
+    std::string answer;
+    Thrown failure;
+    std::string err;
+  } kCases[] = {
+      {"no table", kCallFailed, kNotParsed},
+      {OneRecord("cr_recommendedrt", "S", "better"),
+       {6, 5, "Record", "Missing required field: cr_currentrt"},
+       ""},
+  };
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(row.answer);
     ScriptedRegistrator host(Words{"--agentid", "9"});
-    host.network.http.Answer(answer);
-    EXPECT_NE(Get(&host, first, second).failure, "");
+    host.network.http.Answer(row.answer);
+    ExpectFailure(Get(&host, first, second), row.failure, row.err);
     EXPECT_EQ(ReadFile(first), "old");
     EXPECT_FALSE(Exists(second));
   }
@@ -204,9 +219,7 @@ TEST_F(GetRoutingTablesTest, TouchesNoFileWhenTheAnswerIsNoTable) {
 TEST_F(GetRoutingTablesTest, PassesFailuresOfTheRequestOn) {
   ScriptedRegistrator host(Words{"--agentid", "9"});
   host.network.http.Answer("no table");
-  const Outcome outcome = Get(&host, "", "");
-  EXPECT_EQ(outcome.failure, kCallFailed);
-  EXPECT_EQ(outcome.out, "");
+  ExpectFailure(Get(&host, "", ""), kCallFailed, kNotParsed);
 }
 
 }  // namespace

@@ -8,25 +8,24 @@
 #include "registration/registrator.h"
 #include "tests/testing/command_line.h"
 #include "tests/testing/fake_network.h"
+#include "tests/testing/outcome.h"
+#include "tests/testing/words.h"
 #include "webservice/ws_cata_proxy.h"
 
 namespace corvel::storage::testing {
 
-/// The failure of every call that the authority did not answer with a table.
-inline constexpr char kCallFailed[] = "6/7 WSCataProxy: WebService call failed";
-
-/// An account on the command line, with which any request can be sent.
-inline std::vector<std::string> AccountWith(const std::vector<std::string>& more) {
-  std::vector<std::string> words = {"--url", "http://spa", "--login", "me", "--passwd", "pw"};
-  words.insert(words.end(), more.begin(), more.end());
-  return words;
+/// The refusal of a component type that there is none of.
+inline Thrown UnknownType(const std::string& type) {
+  return {16, 5, "StringCheck",
+          "Type \"" + type +
+              "\" is not a valid type. Must be one of \"Agent ContentRouter StoragePoolAuthority "
+              "MetabaseEngine MetabaseServer Controller qxwfe storagepool \".\n"};
 }
 
 /// A Registrator for the command line `arguments` whose authority answers from
 /// a script.
 struct ScriptedRegistrator {
-  explicit ScriptedRegistrator(const std::vector<std::string>& arguments)
-      : ScriptedRegistrator(Options(arguments)) {}
+  explicit ScriptedRegistrator(const Words& arguments) : ScriptedRegistrator(Options(arguments)) {}
   explicit ScriptedRegistrator(const boost::program_options::variables_map& given)
       : options(given), proxy(options, network.network), registrator(options, &proxy) {}
 

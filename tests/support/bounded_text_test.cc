@@ -34,9 +34,11 @@ TEST(BoundedCopy, ReplacesWhatWasThere) {
   EXPECT_STREQ(out.data(), "x");
 }
 
-TEST(BoundedCopy, MakesTheBufferEmptyWhenTheTextDoesNotFit) {
+TEST(BoundedCopy, CutsATextThatDoesNotFit) {
   std::vector<char> out = Buffer(4, "old");
   EXPECT_FALSE(BoundedCopy(out.data(), out.size(), "abcd"));
+  EXPECT_STREQ(out.data(), "abc");
+  EXPECT_FALSE(BoundedCopy(out.data(), 1, "x"));
   EXPECT_STREQ(out.data(), "");
 }
 

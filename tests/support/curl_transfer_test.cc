@@ -3,9 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <string>
 #include <vector>
 
+#include "support/transfer_socket.h"
 #include "tests/testing/curl_double.h"
 
 namespace corvel::storage::support {
@@ -18,15 +21,17 @@ using ::testing::ElementsAreArray;
 
 using Lines = std::vector<std::string>;
 
-std::size_t Swallow(char* /*bytes*/, std::size_t size, std::size_t count, void* /*target*/) {
-  return size * count;
-}
-
-int target = 0;
+ReceiveBuffer answer;
 char errorText[CURL_ERROR_SIZE];
 
 TransferSettings Settings(ServerTrust trust) {
-  return {"https://spa/ws_agent.php", 120, trust, "/certs/spa.pem", Swallow, &target, errorText};
+  TransferSettings settings;
+  settings.url = "https://spa/ws_agent.php";
+  settings.answer = &answer;
+  settings.verification = {trust, "/certs/spa.pem"};
+  settings.timeoutSeconds = 120;
+  settings.errorText = errorText;
+  return settings;
 }
 
 class CurlTransferTest : public ::testing::Test {
@@ -46,8 +51,8 @@ class CurlTransferTest : public ::testing::Test {
 Lines WithTrust(const Lines& trust) {
   Lines options = {"URL=https://spa/ws_agent.php", "WRITEFUNCTION=(set)", "WRITEDATA=(set)"};
   options.insert(options.end(), trust.begin(), trust.end());
-  options.insert(options.end(),
-                 {"NOSIGNAL=1", "TIMEOUT=120", "CONNECTTIMEOUT=120", "ERRORBUFFER=(set)"});
+  options.insert(options.end(), {"NOSIGNAL=1", "TIMEOUT=120", "CONNECTTIMEOUT=120",
+                                 "ERRORBUFFER=(set)", "HEADERFUNCTION=(set)", "HEADERDATA=(set)"});
   return options;
 }
 
@@ -59,13 +64,13 @@ TEST_F(CurlTransferTest, AnUnverifiedServerMayBeAnybody) {
 TEST_F(CurlTransferTest, AFileIsTrustedBesideTheSystemsAuthorities) {
   EXPECT_THAT(Configured(Settings(ServerTrust::kFile)),
               ElementsAreArray(
-                  WithTrust({"SSL_VERIFYPEER=1", "SSL_VERIFYHOST=2", "CAINFO=/certs/spa.pem"})));
+                  WithTrust({"CAINFO=/certs/spa.pem", "SSL_VERIFYPEER=1", "SSL_VERIFYHOST=2"})));
 }
 
 TEST_F(CurlTransferTest, AFileAloneTakesThePlaceOfTheSystemsAuthorities) {
   EXPECT_THAT(Configured(Settings(ServerTrust::kFileOnly)),
-              ElementsAreArray(WithTrust({"SSL_VERIFYPEER=1", "SSL_VERIFYHOST=2",
-                                          "CAINFO=/certs/spa.pem", "CAPATH=(null)"})));
+              ElementsAreArray(WithTrust({"CAINFO=/certs/spa.pem", "CAPATH=(null)",
+                                          "SSL_VERIFYPEER=1", "SSL_VERIFYHOST=2"})));
 }
 
 TEST_F(CurlTransferTest, TheSystemsAuthoritiesAreThoseOfTheLibrary) {
@@ -73,11 +78,32 @@ TEST_F(CurlTransferTest, TheSystemsAuthoritiesAreThoseOfTheLibrary) {
               ElementsAreArray(WithTrust({"SSL_VERIFYPEER=1", "SSL_VERIFYHOST=2"})));
 }
 
-TEST_F(CurlTransferTest, TheAnswerGoesToTheGivenSink) {
+TEST_F(CurlTransferTest, TheAnswerGoesToTheGivenBuffer) {
   Configured(Settings(ServerTrust::kUnverified));
-  EXPECT_EQ(curl.pointers["WRITEFUNCTION"], reinterpret_cast<void*>(Swallow));
-  EXPECT_EQ(curl.pointers["WRITEDATA"], &target);
+  EXPECT_EQ(curl.pointers["WRITEFUNCTION"], reinterpret_cast<void*>(data_callback));
+  EXPECT_EQ(curl.pointers["WRITEDATA"], &answer);
   EXPECT_EQ(curl.pointers["ERRORBUFFER"], errorText);
+  EXPECT_EQ(curl.pointers["HEADERFUNCTION"], reinterpret_cast<void*>(header_callback));
+  EXPECT_EQ(curl.pointers["HEADERDATA"], &answer);
+}
+
+TEST_F(CurlTransferTest, TheAnswerHasUntilTheTimeOut) {
+  TransferSettings settings = Settings(ServerTrust::kUnverified);
+  const auto before = std::chrono::steady_clock::now();
+  Configured(settings);
+  EXPECT_GE(answer.deadline, before + std::chrono::seconds(120));
+  EXPECT_LE(answer.deadline, std::chrono::steady_clock::now() + std::chrono::seconds(120));
+}
+
+TEST_F(CurlTransferTest, AFormIsAttachedBehindTheUrl) {
+  Form form;
+  ASSERT_TRUE(form.Add("name", "value"));
+  TransferSettings settings = Settings(ServerTrust::kUnverified);
+  settings.form = &form;
+  Lines expected = WithTrust({"SSL_VERIFYPEER=0", "SSL_VERIFYHOST=0"});
+  expected.insert(expected.begin() + 1, "HTTPPOST=(set)");
+  EXPECT_THAT(Configured(settings), ElementsAreArray(expected));
+  EXPECT_EQ(curl.pointers["HTTPPOST"], form.parts());
 }
 
 TEST_F(CurlTransferTest, TimeOutsAreThoseOfTheSettings) {
@@ -87,16 +113,62 @@ TEST_F(CurlTransferTest, TimeOutsAreThoseOfTheSettings) {
   EXPECT_THAT(curl.options, Contains("CONNECTTIMEOUT=7"));
 }
 
-TEST_F(CurlTransferTest, ATransferThatCannotBeConfiguredIsReported) {
+std::string OptionName(const std::string& line) { return line.substr(0, line.find('=')); }
+
+TEST_F(CurlTransferTest, NothingIsSentWithoutWhatVerificationAndLimitsRestOn) {
+  const Lines needed = {"CAINFO",         "CAPATH",         "SSL_VERIFYPEER",
+                        "SSL_VERIFYHOST", "HEADERFUNCTION", "HEADERDATA"};
+  for (const std::string& line : Configured(Settings(ServerTrust::kFileOnly))) {
+    curl.refusedOption = OptionName(line);
+    const bool required = std::count(needed.begin(), needed.end(), curl.refusedOption) > 0;
+    EXPECT_EQ(ConfigureTransfer(handle.get(), Settings(ServerTrust::kFileOnly)), !required) << line;
+  }
+}
+
+TEST_F(CurlTransferTest, ARefusalThatEndsNothingLeavesTheOtherOptionsInForce) {
+  const Lines all = Configured(Settings(ServerTrust::kUnverified));
+  curl.refusedOption = "TIMEOUT";
+  EXPECT_EQ(Configured(Settings(ServerTrust::kUnverified)), all);
+}
+
+TEST_F(CurlTransferTest, ANegativeTimeOutLeavesTheTransferUsable) {
+  TransferSettings settings = Settings(ServerTrust::kUnverified);
+  settings.timeoutSeconds = -1;
+  EXPECT_TRUE(ConfigureTransfer(handle.get(), settings));
+}
+
+TEST_F(CurlTransferTest, NothingIsSentWhenMemoryIsShort) {
   const Lines options = Configured(Settings(ServerTrust::kFileOnly));
-  for (std::size_t index = 0; index < options.size(); ++index) {
-    curl.refusedOption = options[index].substr(0, options[index].find('='));
-    SCOPED_TRACE(curl.refusedOption);
-    curl.options.clear();
-    EXPECT_FALSE(ConfigureTransfer(handle.get(), Settings(ServerTrust::kFileOnly)));
-    EXPECT_THAT(curl.options,
-                ElementsAreArray(Lines(options.begin(),
-                                       options.begin() + static_cast<std::ptrdiff_t>(index) + 1)));
+  curl.refusal = CURLE_OUT_OF_MEMORY;
+  for (const std::string& line : options) {
+    curl.refusedOption = OptionName(line);
+    EXPECT_FALSE(ConfigureTransfer(handle.get(), Settings(ServerTrust::kFileOnly))) << line;
+  }
+}
+
+TEST_F(CurlTransferTest, APolledTransferReadsAndSendsMuchAtATimeAndTakesCompressedAnswers) {
+  const CurlSharePtr share(curl_share_init());
+  std::chrono::milliseconds wait = kConnectWait;
+  EXPECT_TRUE(ConfigurePolling(handle.get(), {share.get(), &wait}));
+  EXPECT_THAT(curl.options, ElementsAre("BUFFERSIZE=10485760", "UPLOAD_BUFFERSIZE=2097152",
+                                        "ACCEPT_ENCODING=", "OPENSOCKETFUNCTION=(set)",
+                                        "OPENSOCKETDATA=(set)", "SHARE=(set)"));
+  EXPECT_EQ(curl.pointers["OPENSOCKETFUNCTION"], reinterpret_cast<void*>(OpenTransferSocket));
+  EXPECT_EQ(curl.pointers["OPENSOCKETDATA"], &wait);
+  EXPECT_EQ(curl.pointers["SHARE"], share.get());
+  // The share may go once the transfer that uses it has gone.
+  handle.reset();
+}
+
+TEST_F(CurlTransferTest, APolledTransferIsSlowerWithoutAnOptionThatIsRefused) {
+  std::chrono::milliseconds wait = kConnectWait;
+  ASSERT_TRUE(ConfigurePolling(handle.get(), {nullptr, &wait}));
+  for (const std::string& line : Lines(curl.options)) {
+    curl.refusedOption = OptionName(line);
+    curl.refusal = CURLE_UNKNOWN_OPTION;
+    EXPECT_TRUE(ConfigurePolling(handle.get(), {nullptr, &wait})) << line;
+    curl.refusal = CURLE_OUT_OF_MEMORY;
+    EXPECT_FALSE(ConfigurePolling(handle.get(), {nullptr, &wait})) << line;
   }
 }
 
@@ -104,7 +176,7 @@ TEST_F(CurlTransferTest, ATransferThatCannotBeConfiguredIsReported) {
 struct Request {
   std::string text = "discover&name=x";
   std::string login = "me";
-  std::string password = "pw";
+  Secret password{"pw"};
   CurlListPtr headers{curl_slist_append(nullptr, "A: b")};
 
   ChannelPost Post() const { return {&text, &login, &password, headers.get()}; }
@@ -136,10 +208,9 @@ std::size_t AppendTo(void* text, const char* bytes, std::size_t count) {
 }
 
 /// The body that the form at `form` makes, its boundary written as "BOUNDARY".
-std::string FormBody(void* form) {
+std::string FormBody(curl_httppost* form) {
   std::string body;
-  CURL_IGNORE_DEPRECATION(
-      EXPECT_EQ(curl_formget(static_cast<curl_httppost*>(form), &body, AppendTo), 0);)
+  CURL_IGNORE_DEPRECATION(EXPECT_EQ(curl_formget(form, &body, AppendTo), 0);)
   // The head that names the boundary comes with it.
   const std::string mark = "boundary=";
   const std::size_t start = body.find(mark) + mark.size();
@@ -156,19 +227,16 @@ std::string Part(const std::string& name, const std::string& value) {
          "\r\n";
 }
 
-TEST_F(CurlTransferTest, AFormHoldsItsPartsInTheOrderOfTheirAdding) {
+TEST(Form, HoldsItsPartsInTheOrderOfTheirAdding) {
   Form form;
   EXPECT_TRUE(form.Add("b", "second"));
   EXPECT_TRUE(form.Add("a", ""));
   EXPECT_TRUE(form.Add("c", "two\nlines & = more"));
-  EXPECT_TRUE(form.Attach(handle.get()));
-  EXPECT_THAT(curl.options, ElementsAre("HTTPPOST=(set)"));
-  EXPECT_EQ(
-      FormBody(curl.pointers["HTTPPOST"]),
-      Part("b", "second") + Part("a", "") + Part("c", "two\nlines & = more") + "--BOUNDARY--\r\n");
+  EXPECT_EQ(FormBody(form.parts()), Part("b", "second") + Part("a", "") +
+                                        Part("c", "two\nlines & = more") + "--BOUNDARY--\r\n");
 }
 
-TEST_F(CurlTransferTest, AFormOwnsItsTexts) {
+TEST(Form, OwnsItsTexts) {
   Form form;
   {
     std::string name = "name";
@@ -176,16 +244,10 @@ TEST_F(CurlTransferTest, AFormOwnsItsTexts) {
     ASSERT_TRUE(form.Add(name.c_str(), value.c_str()));
     name[0] = value[0] = 'X';
   }
-  ASSERT_TRUE(form.Attach(handle.get()));
-  EXPECT_EQ(FormBody(curl.pointers["HTTPPOST"]), Part("name", "value") + "--BOUNDARY--\r\n");
+  EXPECT_EQ(FormBody(form.parts()), Part("name", "value") + "--BOUNDARY--\r\n");
 }
 
-TEST_F(CurlTransferTest, AFormThatCannotBeAttachedIsReported) {
-  Form form;
-  ASSERT_TRUE(form.Add("a", "b"));
-  curl.refusedOption = "HTTPPOST";
-  EXPECT_FALSE(form.Attach(handle.get()));
-}
+TEST(Form, HasNoPartsWhenNew) { EXPECT_EQ(Form().parts(), nullptr); }
 
 }  // namespace
 }  // namespace corvel::storage::support

@@ -16,13 +16,14 @@
 #include <string>
 #include <vector>
 
-#include "tests/testing/cleanse_watch.h"
+#include "tests/testing/disguised_secret.h"
 #include "tests/testing/temp_directory.h"
 
 namespace {
 
-using corvel::storage::testing::CleanseWatch;
+using corvel::storage::testing::DisguisedSecret;
 using corvel::storage::testing::TempDirectory;
+using corvel::storage::testing::WriteSecretFile;
 using ::testing::MatchesRegex;
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
@@ -33,40 +34,40 @@ constexpr std::size_t kNonceBytes = 12;
 constexpr std::size_t kTagBytes = 16;
 
 /// What a call returned, and the text that it left.
-struct Outcome {
+struct Converted {
   int result = 0;
   std::string text;
-  bool operator==(const Outcome& other) const {
+  bool operator==(const Converted& other) const {
     return result == other.result && text == other.text;
   }
 };
 
-std::ostream& operator<<(std::ostream& stream, const Outcome& outcome) {
-  return stream << outcome.result << " \"" << outcome.text << '"';
+std::ostream& operator<<(std::ostream& stream, const Converted& converted) {
+  return stream << converted.result << " \"" << converted.text << '"';
 }
 
 using PasswordCall = int (*)(const char*, const char*, char*, int);
 
 /// Calls with a buffer of exactly `size` bytes on the heap, where the sanitizer
 /// sees every byte too many.
-Outcome Call(PasswordCall call, const std::string& keyFile, const std::string& text,
-             std::size_t size = 1024) {
+Converted Call(PasswordCall call, const std::string& keyFile, const std::string& text,
+               std::size_t size = 1024) {
   std::vector<char> out(size, '#');
   const int result = call(keyFile.c_str(), text.c_str(), out.data(), static_cast<int>(size));
   return {result, out.data()};
 }
 
-const Outcome kFailed = {-1, ""};
+const Converted kFailed = {-1, ""};
 
 std::string Encrypted(const std::string& keyFile, const std::string& plain) {
-  const Outcome outcome = Call(EncryptPasswdWithKey, keyFile, plain);
-  EXPECT_EQ(outcome.result, 0);
-  return outcome.text;
+  const Converted converted = Call(EncryptPasswdWithKey, keyFile, plain);
+  EXPECT_EQ(converted.result, 0);
+  return converted.text;
 }
 
 class PasswordTest : public ::testing::Test {
  protected:
-  Outcome Decrypt(const std::string& text) const {
+  Converted Decrypt(const std::string& text) const {
     return Call(DecryptPasswdWithKey, keyFile, text);
   }
 
@@ -82,14 +83,14 @@ TEST_F(PasswordTest, DecryptingUndoesEncrypting) {
         std::string("p\xc3\xa4ssw\xc3\xb6rt"), std::string("two\nlines"), allBytes,
         std::string(700, 'x')}) {
     SCOPED_TRACE(plain);
-    EXPECT_EQ(Decrypt(Encrypted(keyFile, plain)), (Outcome{0, plain}));
+    EXPECT_EQ(Decrypt(Encrypted(keyFile, plain)), (Converted{0, plain}));
   }
 }
 
 TEST_F(PasswordTest, EveryLengthMakesTheRoundTrip) {
   for (std::size_t length = 0; length < 70; ++length) {
     const std::string plain(length, 'p');
-    EXPECT_EQ(Decrypt(Encrypted(keyFile, plain)), (Outcome{0, plain})) << length;
+    EXPECT_EQ(Decrypt(Encrypted(keyFile, plain)), (Converted{0, plain})) << length;
   }
 }
 
@@ -226,14 +227,14 @@ TEST_F(PasswordTest, MakesTextsThatASecondImplementationOpens) {
 TEST_F(PasswordTest, OpensTextsThatASecondImplementationMakes) {
   for (const char* plain : {"", "secret", "a longer password with blanks"}) {
     const std::string body = SealedIndependently("the host's key material\n", plain);
-    EXPECT_EQ(Decrypt(kMark + body), (Outcome{0, plain}));
+    EXPECT_EQ(Decrypt(kMark + body), (Converted{0, plain}));
   }
 }
 
 TEST_F(PasswordTest, CutsAPasswordAtItsFirstZeroByte) {
   const std::string body =
       SealedIndependently("the host's key material\n", std::string("pass\0word", 9));
-  EXPECT_EQ(Decrypt(kMark + body), (Outcome{0, "pass"}));
+  EXPECT_EQ(Decrypt(kMark + body), (Converted{0, "pass"}));
 }
 
 TEST_F(PasswordTest, RefusesAnotherVersionMark) {
@@ -308,7 +309,7 @@ TEST_F(PasswordTest, RefusesAnotherKey) {
     EXPECT_EQ(Call(DecryptPasswdWithKey, path, encrypted), kFailed);
   }
   const std::string copy = directory.Write("copy", material);
-  EXPECT_EQ(Call(DecryptPasswdWithKey, copy, encrypted), (Outcome{0, "secret"}));
+  EXPECT_EQ(Call(DecryptPasswdWithKey, copy, encrypted), (Converted{0, "secret"}));
 }
 
 TEST_F(PasswordTest, ReadsBinaryKeyFilesToTheirEnd) {
@@ -377,18 +378,18 @@ TEST_F(PasswordTest, TheEncryptedTextMustFitTheBuffer) {
 
 TEST_F(PasswordTest, ThePasswordMustFitTheBuffer) {
   const std::string encrypted = Encrypted(keyFile, "secret");
-  EXPECT_EQ(Call(DecryptPasswdWithKey, keyFile, encrypted, 7), (Outcome{0, "secret"}));
+  EXPECT_EQ(Call(DecryptPasswdWithKey, keyFile, encrypted, 7), (Converted{0, "secret"}));
   for (const std::size_t size : {6U, 5U, 1U}) {
     EXPECT_EQ(Call(DecryptPasswdWithKey, keyFile, encrypted, size), kFailed) << size;
   }
-  EXPECT_EQ(Call(DecryptPasswdWithKey, keyFile, Encrypted(keyFile, ""), 1), (Outcome{0, ""}));
+  EXPECT_EQ(Call(DecryptPasswdWithKey, keyFile, Encrypted(keyFile, ""), 1), (Converted{0, ""}));
 }
 
 TEST_F(PasswordTest, DecryptsPasswordsThatFillTheBufferOfTheCredentialFile) {
   const std::string longest(1023, 'x');
-  const Outcome encrypted = Call(EncryptPasswdWithKey, keyFile, longest, 4096);
-  EXPECT_EQ(Decrypt(encrypted.text), (Outcome{0, longest}));
-  const Outcome tooLong = Call(EncryptPasswdWithKey, keyFile, longest + "x", 4096);
+  const Converted encrypted = Call(EncryptPasswdWithKey, keyFile, longest, 4096);
+  EXPECT_EQ(Decrypt(encrypted.text), (Converted{0, longest}));
+  const Converted tooLong = Call(EncryptPasswdWithKey, keyFile, longest + "x", 4096);
   EXPECT_EQ(Decrypt(tooLong.text), kFailed);
 }
 
@@ -409,28 +410,40 @@ TEST_F(PasswordTest, RefusesMissingArguments) {
   }
 }
 
-TEST_F(PasswordTest, WipesTheKeyMaterialAndTheKey) {
-  std::string encrypted;
-  {
-    CleanseWatch watch;
-    encrypted = Encrypted(keyFile, "secret");
-    EXPECT_TRUE(watch.Saw("the host's key material\n"));
-    EXPECT_TRUE(watch.Saw(DerivedKey("the host's key material\n", Split(encrypted).salt)));
-  }
-  CleanseWatch watch;
-  ASSERT_EQ(Decrypt(encrypted).result, 0);
-  EXPECT_TRUE(watch.Saw("the host's key material\n"));
-  EXPECT_TRUE(watch.Saw(DerivedKey("the host's key material\n", Split(encrypted).salt)));
+TEST_F(PasswordTest, LeavesNoCopyOfTheKeyMaterial) {
+  const DisguisedSecret material(5000);
+  const std::string path = directory.File("disguised.key");
+  WriteSecretFile(path, "", material, "");
+  const std::string encrypted = Encrypted(path, "secret");
+  EXPECT_EQ(material.Copies(), 0U);
+  EXPECT_EQ(Call(DecryptPasswdWithKey, path, encrypted), (Converted{0, "secret"}));
+  EXPECT_EQ(material.Copies(), 0U);
 }
 
-TEST_F(PasswordTest, WipesThePasswordAlsoWhenItIsNotHandedOut) {
-  const std::string encrypted = Encrypted(keyFile, "a secret password");
-  std::string forged = encrypted;
-  forged.back() = forged.back() == 'A' ? 'Q' : 'A';
-  for (const std::string& text : {encrypted, forged}) {
-    CleanseWatch watch;
-    Call(DecryptPasswdWithKey, keyFile, text, 1);
-    EXPECT_TRUE(watch.Saw("a secret password")) << text;
+TEST_F(PasswordTest, LeavesNoCopyOfTheKey) {
+  const std::string encrypted = Encrypted(keyFile, "secret");
+  std::string key = DerivedKey("the host's key material\n", Split(encrypted).salt);
+  const DisguisedSecret derived(Bytes(&key), key.size());
+  EXPECT_EQ(derived.Copies(), 0U);
+  EXPECT_EQ(Decrypt(encrypted), (Converted{0, "secret"}));
+  EXPECT_EQ(derived.Copies(), 0U);
+}
+
+TEST_F(PasswordTest, LeavesNoCopyOfAPasswordThatItDoesNotHandOut) {
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret password(length);
+    std::string encrypted;
+    password.Reveal([&](const char* text) {
+      std::array<char, 256> out = {};
+      EXPECT_EQ(EncryptPasswdWithKey(keyFile.c_str(), text, out.data(), 256), 0);
+      encrypted = out.data();
+    });
+    std::string forged = encrypted;
+    forged.back() = forged.back() == 'A' ? 'Q' : 'A';
+    for (const std::string& text : {encrypted, forged}) {
+      EXPECT_EQ(Call(DecryptPasswdWithKey, keyFile, text, 1), kFailed);
+      EXPECT_EQ(password.Copies(), 0U) << text;
+    }
   }
 }
 

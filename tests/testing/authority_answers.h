@@ -4,8 +4,17 @@
 #include <string>
 
 #include "tests/testing/fake_network.h"
+#include "tests/testing/outcome.h"
 
 namespace corvel::storage::testing {
+
+/// The failure of every call that the authority did not answer with a table.
+inline const Thrown kCallFailed{6, 7, "WSCataProxy", "WebService call failed"};
+
+/// What stands on standard error when an answer was neither table nor error block.
+inline constexpr char kNotParsed[] =
+    "The data returned by the webservice could not be parsed.\n"
+    "Server's HTTP response code was 0\n";
 
 /// An answer with one record: column names, types and escaped values, each with
 /// bars between.

@@ -6,11 +6,12 @@
 #include <vector>
 
 #include "frontend/options.h"
+#include "tests/testing/words.h"
 
 namespace corvel::storage::testing {
 
 /// The options that the command line `arguments` (program name left out) gives.
-inline boost::program_options::variables_map Options(const std::vector<std::string>& arguments) {
+inline boost::program_options::variables_map Options(const Words& arguments) {
   std::vector<const char*> argv = {"tzregister"};
   for (const std::string& argument : arguments) argv.push_back(argument.c_str());
   boost::program_options::variables_map options;

@@ -51,7 +51,7 @@ bool Record(const curl_easyoption& option, const std::string& text) {
 }
 
 CURLcode SetNumber(CURL* handle, const curl_easyoption& option, curl_off_t value) {
-  if (active != nullptr && !Record(option, std::to_string(value))) return CURLE_UNKNOWN_OPTION;
+  if (active != nullptr && !Record(option, std::to_string(value))) return active->refusal;
   if (option.type == CURLOT_OFF_T) return RealSetopt()(handle, option.id, value);
   return RealSetopt()(handle, option.id, static_cast<long>(value));
 }
@@ -59,7 +59,7 @@ CURLcode SetNumber(CURL* handle, const curl_easyoption& option, curl_off_t value
 CURLcode SetPointer(CURL* handle, const curl_easyoption& option, void* value) {
   if (active != nullptr) {
     active->pointers[option.name] = value;
-    if (!Record(option, PointerText(option.type, value))) return CURLE_UNKNOWN_OPTION;
+    if (!Record(option, PointerText(option.type, value))) return active->refusal;
   }
   return RealSetopt()(handle, option.id, value);
 }

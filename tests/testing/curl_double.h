@@ -36,8 +36,9 @@ class CurlDouble {
 
   // What is answered.
 
-  /// An option that libcurl is to refuse, "" for none.
+  /// An option that libcurl is to refuse, "" for none, and how.
   std::string refusedOption;
+  CURLcode refusal = CURLE_UNKNOWN_OPTION;
   /// False: no handle can be made.
   bool hasHandles = true;
   CURLcode performResult = CURLE_OK;

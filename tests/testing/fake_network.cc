@@ -16,22 +16,28 @@ class FakeTransfer : public tzregister::HttpTransfer {
   int Perform(int* running) override {
     calls_->push_back("perform");
     if (next_ < answer_.parts.size()) {
-      std::string& part = answer_.parts[next_++];
-      tzregister::WebService::data_callback(part.data(), 1, part.size(), buffer_);
+      Deliver(&answer_.parts[next_++]);
     }
-    *running = answer_.endless || next_ < answer_.parts.size() ? 1 : 0;
+    const bool incomplete = answer_.endless || next_ < answer_.parts.size();
+    *running = incomplete && answer_.transferResult == CURLE_OK ? 1 : 0;
     const std::size_t pass = pass_++;
     return pass < answer_.firstResults.size() ? answer_.firstResults[pass] : answer_.performResult;
   }
 
   tzregister::HttpOutcome Finish() override {
     calls_->push_back("finish");
-    return answer_.outcome;
+    return {answer_.transferResult, answer_.httpStatus};
   }
 
   void Abandon() override { calls_->push_back("abandon"); }
 
  private:
+  void Deliver(std::string* part) {
+    const std::size_t taken =
+        tzregister::WebService::data_callback(part->data(), 1, part->size(), buffer_);
+    if (taken != part->size()) answer_.transferResult = CURLE_WRITE_ERROR;
+  }
+
   ScriptedAnswer answer_;
   std::size_t next_ = 0;
   std::size_t pass_ = 0;
@@ -53,23 +59,32 @@ std::string Join(const std::vector<std::string>& words) {
 
 }  // namespace
 
+ScriptedAnswer& FakeTransport::AnswerInParts(const Words& parts) {
+  ScriptedAnswer answer;
+  answer.parts = parts;
+  script.push_back(answer);
+  return script.back();
+}
+
 std::unique_ptr<tzregister::HttpTransfer> FakeTransport::Start(
     const tzregister::HttpRequest& request, tzregister::WebServiceBuffer* answer) {
   calls.push_back("start");
   SentRequest sent{
-      request.url, request.form != nullptr, {}, request.caFile, request.timeoutSeconds};
+      request.url, request.form != nullptr, {}, request.verification, request.timeoutSeconds};
   if (request.form != nullptr) sent.form.assign(request.form->begin(), request.form->end());
   requests.push_back(sent);
   if (onStart) onStart();
   if (requests.size() > script.size()) throw std::logic_error("no answer scripted");
   const ScriptedAnswer& scripted = script[requests.size() - 1];
-  if (!scripted.start) return nullptr;
+  if (!scripted.starts) return nullptr;
   return std::make_unique<FakeTransfer>(scripted, &calls, answer);
 }
 
 WSHandle* FakeChannel::Init(const char* url, const char* login, const char* password,
                             const char* keydir, int flags) {
-  calls.push_back(Join({"init", url, login, password, keydir, std::to_string(flags)}));
+  if (recordsCalls) {
+    calls.push_back(Join({"init", url, login, password, keydir, std::to_string(flags)}));
+  }
   return init ? FakeHandle() : nullptr;
 }
 
@@ -85,6 +100,7 @@ int FakeChannel::Request(WSHandle* handle, int kind, WSReply* reply, const char*
 
 void FakeChannel::Shutdown(WSHandle* handle) {
   if (handle != FakeHandle()) throw std::logic_error("unknown handle");
+  if (onShutdown) onShutdown();
   calls.push_back("shutdown");
 }
 

@@ -1,12 +1,15 @@
 #ifndef TESTS_TESTING_FAKE_NETWORK_H_
 #define TESTS_TESTING_FAKE_NETWORK_H_
 
+#include <curl/curl.h>
+
 #include <functional>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "tests/testing/words.h"
 #include "webservice/transport.h"
 #include "webservice/webservice.h"
 
@@ -25,14 +28,16 @@ class FakeClock : public support::Clock {
   std::vector<unsigned> sleeps;
 };
 
-/// What a FakeTransport does with one request.
+/// What a FakeTransport does with one request. A part that the answer's buffer
+/// does not take ends the transfer as libcurl ends it.
 struct ScriptedAnswer {
-  bool start = true;               ///< false: the network layer cannot be initialised
-  std::vector<std::string> parts;  ///< one part of the answer arrives with each pass
-  bool endless = false;            ///< the transfer never completes
-  int performResult = 0;           ///< libcurl's multi code of every pass
-  tzregister::HttpOutcome outcome;
-  std::vector<int> firstResults = {};  ///< codes of the first passes, before performResult
+  bool starts = true;             ///< false: the network layer cannot be initialised
+  Words parts;                    ///< one part of the answer arrives with each pass
+  bool endless = false;           ///< the transfer never completes
+  std::vector<int> firstResults;  ///< libcurl's multi codes of the first passes
+  int performResult = CURLM_OK;   ///< that of every later pass
+  int transferResult = CURLE_OK;  ///< libcurl's code of the transfer
+  long httpStatus = 200;
 };
 
 /// One request as the transport was asked for it.
@@ -40,7 +45,7 @@ struct SentRequest {
   std::string url;
   bool hasForm = false;
   std::vector<std::pair<std::string, std::string>> form;  ///< in the order of sending
-  std::string caFile;
+  support::Verification verification;
   int timeoutSeconds = 0;
 };
 
@@ -52,12 +57,16 @@ class FakeTransport : public tzregister::HttpTransport {
   std::unique_ptr<tzregister::HttpTransfer> Start(const tzregister::HttpRequest& request,
                                                   tzregister::WebServiceBuffer* answer) override;
 
-  /// Scripts one more answer that arrives whole, with HTTP status 200.
-  void Answer(const std::string& text) { script.push_back({true, {text}, false, 0, {0, 200}}); }
+  /// Scripts one more answer, which arrives in `parts` with HTTP status 200; what
+  /// is to be otherwise can be set in it by name until the next one is scripted.
+  ScriptedAnswer& AnswerInParts(const Words& parts);
+
+  /// As above, for an answer that arrives whole.
+  ScriptedAnswer& Answer(const std::string& text) { return AnswerInParts({text}); }
 
   std::vector<ScriptedAnswer> script;
   std::vector<SentRequest> requests;
-  std::vector<std::string> calls;
+  Words calls;
   std::function<void()> onStart;  ///< called at every Start, when set
 };
 
@@ -76,6 +85,8 @@ class FakeChannel : public tzregister::RequestChannel {
   std::string text;  ///< of the reply
   bool hasText = true;
   std::vector<std::string> calls;  ///< e.g. "init vrmo://h l p /k 0", "request 13 action x 0"
+  bool recordsCalls = true;
+  std::function<void()> onShutdown;  ///< called at every Shutdown, when set
 };
 
 /// The three fakes together, and the network made of them.

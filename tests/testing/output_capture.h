@@ -37,22 +37,6 @@ class OutputCapture {
   std::string stderr_;
 };
 
-/// What a call returned and printed.
-struct CapturedCall {
-  int result = 0;
-  std::string out;
-  std::string err;
-};
-
-/// Performs `call`, which returns a number, and captures its output. Checks made
-/// afterwards can say what they found, which they could not under the capture.
-template <typename Call>
-CapturedCall Captured(const Call& call) {
-  OutputCapture output;
-  const int result = call();
-  return {result, output.Stdout(), output.Stderr()};
-}
-
 }  // namespace corvel::storage::testing
 
 #endif  // TESTS_TESTING_OUTPUT_CAPTURE_H_

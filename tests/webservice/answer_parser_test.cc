@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "tests/testing/heap_watch.h"
-#include "tests/testing/output_capture.h"
+#include "tests/testing/allocation_limit.h"
+#include "tests/testing/outcome.h"
 #include "webservice/webservice.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-using storage::testing::CapturedCall;
+using namespace storage::testing;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -277,19 +277,18 @@ TEST(ParseAnswerError, DropsEverythingBehindTheDescription) {
 }
 
 /// Reads `bytes`, zero bytes and all, the way a received answer is read.
-CapturedCall ParseReceived(std::string bytes, RecordSet* records) {
-  WebService ws;
+Outcome ParseReceived(std::string bytes, RecordSet* records) {
+  WebService ws{Network()};
   WebService::data_callback(bytes.data(), 1, bytes.size(), &ws.buffer);
-  const CapturedCall parse = storage::testing::Captured([&] { return ws.parse(records); });
+  const Outcome parse = OutcomeOf([&] { return ws.parse(records); });
   EXPECT_EQ(std::string(ws.buffer.data, ws.buffer.size), bytes);
   return parse;
 }
 
 TEST(WebServiceParse, ReadsTheReceivedTextAndLeavesItAsItIs) {
   RecordSet records;
-  const CapturedCall parse = ParseReceived("***BEGIN***\n1\na|b\nS|I\nx|2\n***DONE***\n", &records);
-  EXPECT_EQ(parse.result, 0);
-  EXPECT_EQ(parse.out + parse.err, "");
+  const Outcome parse = ParseReceived("***BEGIN***\n1\na|b\nS|I\nx|2\n***DONE***\n", &records);
+  ExpectSuccess(parse);
   ASSERT_EQ(records.recordCount, 1);
   EXPECT_EQ(records.next()->getValue("b", true), "2");
 }
@@ -305,61 +304,61 @@ TEST(WebServiceParse, ReadsNothingBehindTheFirstZeroByte) {
 
 TEST(WebServiceParse, RefusesAnAnswerWithoutBytesSilently) {
   RecordSet records;
-  const WebService ws;
-  const CapturedCall parse = storage::testing::Captured([&] { return ws.parse(&records); });
-  EXPECT_EQ(parse.result, -1);
-  EXPECT_EQ(parse.out + parse.err, "");
+  const WebService ws{Network()};
+  const Outcome parse = OutcomeOf([&] { return ws.parse(&records); });
+  ExpectError(parse, "");
   EXPECT_EQ(ParseReceived("", &records).result, -1);
 }
 
 TEST(WebServiceParse, ReportsThatThereIsNoMemoryForItsCopy) {
   std::string answer = "***BEGIN***\n1\na\nS\n" + std::string(1 << 20, 'x') + "\n";
-  WebService ws;
+  WebService ws{Network()};
   WebService::data_callback(answer.data(), 1, answer.size(), &ws.buffer);
   RecordSet records;
-  const CapturedCall parse = storage::testing::Captured([&] {
-    const storage::testing::AllocationLimit limit(answer.size());
+  const Outcome parse = OutcomeOf([&] {
+    const AllocationLimit limit(answer.size());
     return ws.parse(&records);
   });
-  EXPECT_EQ(parse.result, -1);
-  EXPECT_EQ(parse.out, "");
-  EXPECT_EQ(parse.err,
-            "Could not convert webservice result to wide character string from UTF-8: %m.\n");
+  ExpectError(parse,
+              "Could not convert webservice result to wide character string from UTF-8: %m.\n");
 }
 
-/// The result of reading `text`, a table, within limits of three columns and
-/// five records and values.
-int ReadWithinLimits(std::string text) {
-  AnswerLimits limits;
-  limits.columns = 3;
-  limits.values = 5;
-  RecordSet records;
-  return ParseAnswer(text.data(), &records, limits);
+std::string Repeated(const std::string& text, std::size_t count) {
+  std::string all;
+  for (std::size_t index = 0; index < count; ++index) all += text;
+  return all;
 }
 
-TEST(ParseAnswerLimits, AcceptsATableThatReachesThem) {
-  EXPECT_EQ(ReadWithinLimits("***BEGIN***\n0\na|b|c\nI|I|I\n***DONE***\n"), 0);
-  EXPECT_EQ(ReadWithinLimits("***BEGIN***\n1\na|b\nI|S\n1|2\n3\n***DONE***\n"), 0);
+/// The result of reading a table of these lines.
+int ReadTable(const std::string& names, const std::string& types, const std::string& records) {
+  std::string text = "***BEGIN***\n0\n" + names + "\n" + types + "\n" + records + "***DONE***\n";
+  RecordSet set;
+  return ParseAnswer(text.data(), &set);
 }
 
-TEST(ParseAnswerLimits, LieFarAboveAnyRealAnswerByThemselves) {
-  const AnswerLimits limits;
-  EXPECT_EQ(limits.columns, std::size_t{1} << 20);
-  EXPECT_EQ(limits.values, std::size_t{1} << 23);
+TEST(ParseAnswerBudget, TakesALargeTable) {
+  EXPECT_EQ(ReadTable("id|login|name", "I|S|S", Repeated("1|agent1|one of many\n", 100000)), 0);
 }
 
-TEST(ParseAnswerLimits, CountTheColumnsOfTheShorterLineOnly) {
-  EXPECT_EQ(ReadWithinLimits("***BEGIN***\n0\na|b|c|d\nI|I|I\n***DONE***\n"), 0);
+TEST(ParseAnswerBudget, TakesOneLargeValue) {
+  EXPECT_EQ(ReadTable("a", "S", std::string(std::size_t{40} << 20, 'x') + "\n"), 0);
 }
 
-TEST(ParseAnswerLimits, RefusesATableBeyondThem) {
-  EXPECT_EQ(ReadWithinLimits("***BEGIN***\n0\na|b|c|d\nI|I|I|I\n***DONE***\n"), -1);
-  EXPECT_EQ(ReadWithinLimits("***BEGIN***\n2\na|b\nI|S\n1|2\n3|4\n***DONE***\n"), -1);
+TEST(ParseAnswerBudget, RefusesATableWhoseColumnsAloneTakeTooMuch) {
+  const std::string bars(std::size_t{4} << 20, '|');
+  EXPECT_EQ(ReadTable(bars, bars, ""), -1);
+  EXPECT_EQ(ReadTable(bars, "S|S", "1|2\n"), 0);
 }
 
-TEST(ParseAnswerLimits, CountARecordWhoseValuesAreNotKept) {
-  EXPECT_EQ(ReadWithinLimits("***BEGIN***\n5\na\nX\n\n\n\n\n\n***DONE***\n"), 0);
-  EXPECT_EQ(ReadWithinLimits("***BEGIN***\n6\na\nX\n\n\n\n\n\n\n***DONE***\n"), -1);
+TEST(ParseAnswerBudget, RefusesRecordsThatRepeatALongNameTooOften) {
+  const std::string name(std::size_t{1} << 20, 'n');
+  EXPECT_EQ(ReadTable(name, "S", Repeated("1\n", 100)), 0);
+  EXPECT_EQ(ReadTable(name, "S", Repeated("1\n", 200)), -1);
+}
+
+TEST(ParseAnswerBudget, CountsARecordWhoseValuesAreNotKept) {
+  EXPECT_EQ(ReadTable("a", "X", std::string(std::size_t{1} << 20, '\n')), 0);
+  EXPECT_EQ(ReadTable("a", "X", std::string(std::size_t{2} << 20, '\n')), -1);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/testing/authority_answers.h"
 #include "tests/testing/command_line.h"
 #include "tests/testing/fake_network.h"
 #include "tests/testing/outcome.h"
@@ -17,23 +18,16 @@
 namespace corvel::storage::tzregister {
 namespace {
 
-using storage::testing::FakeNetwork;
-using storage::testing::Options;
-using storage::testing::Outcome;
-using storage::testing::OutcomeOf;
+using namespace storage::testing;
 using ::testing::ElementsAre;
 using ::testing::Pair;
 
-constexpr char kNoRecords[] =
-    "6/5 WSCataProxy: An error occurred: no records returned by the server";
+const Thrown kNoRecords{6, 5, "WSCataProxy",
+                        "An error occurred: no records returned by the server"};
 constexpr char kEmptyTable[] = "***BEGIN***\n0\na\nS\n***DONE***\n";
+constexpr char kErrorShown[] =
+    "The webservice returned an error :no\n\nServer's HTTP response code was 0\n";
 constexpr char kErrorBlock[] = "***ERROR***\n1\ndescription: no\n***DONE***\n";
-constexpr char kCallFailed[] = "6/7 WSCataProxy: WebService call failed";
-
-/// An answer with one record.
-std::string Table(const std::string& names, const std::string& types, const std::string& values) {
-  return "***BEGIN***\n1\n" + names + "\n" + types + "\n" + values + "\n***DONE***\n";
-}
 
 /// A proxy over fakes with credentials and agent number 5 on its command line.
 struct Catalog {
@@ -52,11 +46,6 @@ struct Catalog {
     return fake.http.requests.at(0).form;
   }
 };
-
-void ExpectSuccess(const Outcome& outcome) {
-  EXPECT_EQ(outcome.failure, "");
-  EXPECT_EQ(outcome.out + outcome.err, "");
-}
 
 TEST(DiscoverStoragePool, SendsItsRequest) {
   Catalog catalog(kEmptyTable);
@@ -110,7 +99,7 @@ struct Registration : Catalog {
 };
 
 std::string Account(const std::string& agentId) {
-  return Table("login|agentid|password", "S|I|S", "joe|" + agentId + "|a\\x7cb");
+  return OneRecord("login|agentid|password", "S|I|S", "joe|" + agentId + "|a\\x7cb");
 }
 
 TEST(RegisterAgent, SendsItsFields) {
@@ -175,8 +164,8 @@ TEST(RegisterAgent, RefusesAnAgentNumberThatIsNone) {
   for (const std::string text : {"", "x", "12a", "12 ", "1.5", "0x10", "9223372036854775808"}) {
     SCOPED_TRACE(text);
     Registration registration(Account(text));
-    EXPECT_EQ(registration.Register().failure,
-              "1/6 Namespace:Engine: Conversion from string failed for string " + text);
+    ExpectFailure(registration.Register(),
+                  {1, 6, "Namespace:Engine", "Conversion from string failed for string " + text});
     EXPECT_EQ(registration.agentId, 0);
     EXPECT_EQ(registration.login, "old login");
     EXPECT_EQ(registration.password, "old password");
@@ -184,17 +173,17 @@ TEST(RegisterAgent, RefusesAnAgentNumberThatIsNone) {
 }
 
 TEST(RegisterAgent, ThrowsForAMissingColumn) {
-  Registration none(Table("login|password", "S|S", "joe|pw"));
-  EXPECT_EQ(none.Register().failure, "6/5 Record: Missing required field: agentid");
+  Registration none(OneRecord("login|password", "S|S", "joe|pw"));
+  ExpectFailure(none.Register(), {6, 5, "Record", "Missing required field: agentid"});
   EXPECT_EQ(none.agentId, 0);
   EXPECT_EQ(none.login, "old login");
-  Registration noLogin(Table("agentid|password", "I|S", "12|pw"));
-  EXPECT_EQ(noLogin.Register().failure, "6/5 Record: Missing required field: login");
+  Registration noLogin(OneRecord("agentid|password", "I|S", "12|pw"));
+  ExpectFailure(noLogin.Register(), {6, 5, "Record", "Missing required field: login"});
   EXPECT_EQ(noLogin.agentId, 12);
   EXPECT_EQ(noLogin.login, "old login");
   EXPECT_EQ(noLogin.password, "old password");
-  Registration noPassword(Table("agentid|login", "I|S", "12|joe"));
-  EXPECT_EQ(noPassword.Register().failure, "6/5 Record: Missing required field: password");
+  Registration noPassword(OneRecord("agentid|login", "I|S", "12|joe"));
+  ExpectFailure(noPassword.Register(), {6, 5, "Record", "Missing required field: password"});
   EXPECT_EQ(noPassword.agentId, 12);
   EXPECT_EQ(noPassword.password, "old password");
 }
@@ -207,7 +196,7 @@ TEST(RegisterAgent, RefusesAMissingOutputBeforeAnythingElse) {
   const auto expectRefusal = [&](std::int64_t* agentId, std::string* login, std::string* password) {
     const Outcome outcome =
         OutcomeOf([&] { proxy.RegisterAgent("", "", 0, 0, "", "", "", agentId, login, password); });
-    EXPECT_EQ(outcome.failure, "6/5 WSCataProxy: agentid, login or password is null.");
+    ExpectFailure(outcome, {6, 5, "WSCataProxy", "agentid, login or password is null."});
   };
   expectRefusal(nullptr, &text, &text);
   expectRefusal(&id, nullptr, &text);
@@ -231,7 +220,7 @@ struct RoutingTables : Catalog {
 
 const std::string& TwoTables() {
   static const std::string kText =
-      Table("cr_currentrt|cr_recommendedrt", "S|S", "cur\\x7c\\n|rec\\\\ommended");
+      OneRecord("cr_currentrt|cr_recommendedrt", "S|S", "cur\\x7c\\n|rec\\\\ommended");
   return kText;
 }
 
@@ -256,8 +245,8 @@ TEST(GetRoutingTables, NeedsTheAgentIdOption) {
   const WSCataProxy proxy(Options({"--url", "http://s", "--login", "l", "--passwd", "p"}),
                           fake.network);
   std::ostringstream out;
-  EXPECT_EQ(OutcomeOf([&] { proxy.GetRoutingTables(9, &out, &out); }).failure,
-            "6/7 WSCataProxy: can't find agentid");
+  ExpectFailure(OutcomeOf([&] { proxy.GetRoutingTables(9, &out, &out); }),
+                {6, 7, "WSCataProxy", "can't find agentid"});
   EXPECT_TRUE(fake.http.calls.empty());
 }
 
@@ -270,7 +259,7 @@ TEST(GetRoutingTables, RefusesAMissingStreamBeforeAnythingElse) {
     const Outcome outcome = OutcomeOf([&proxy, first = recommended, second = current] {
       proxy.GetRoutingTables(9, first, second);
     });
-    EXPECT_EQ(outcome.failure, "6/5 WSCataProxy: recommendedrt or currentrt is null.");
+    ExpectFailure(outcome, {6, 5, "WSCataProxy", "recommendedrt or currentrt is null."});
   }
   EXPECT_TRUE(fake.http.calls.empty());
 }
@@ -278,29 +267,30 @@ TEST(GetRoutingTables, RefusesAMissingStreamBeforeAnythingElse) {
 TEST(GetRoutingTables, WritesNothingWhenTheFirstStreamIsBad) {
   for (const auto state : {std::ios::failbit, std::ios::badbit, std::ios::eofbit}) {
     // The stream is looked at before the column, which is missing here.
-    RoutingTables tables(Table("cr_currentrt", "S", "cur"));
+    RoutingTables tables(OneRecord("cr_currentrt", "S", "cur"));
     tables.recommended.setstate(state);
-    EXPECT_EQ(tables.Get().failure,
-              "14/5 WSCataProxy: Could not write to recommended routingtable file");
+    ExpectFailure(tables.Get(),
+                  {14, 5, "WSCataProxy", "Could not write to recommended routingtable file"});
     EXPECT_EQ(tables.recommended.str() + tables.current.str(), "");
     EXPECT_EQ(tables.fake.http.requests.size(), 1u);
   }
 }
 
 TEST(GetRoutingTables, LeavesTheFirstTableWrittenWhenTheSecondStreamIsBad) {
-  RoutingTables tables(Table("cr_recommendedrt", "S", "rec"));
+  RoutingTables tables(OneRecord("cr_recommendedrt", "S", "rec"));
   tables.current.setstate(std::ios::eofbit);
-  EXPECT_EQ(tables.Get().failure, "14/5 WSCataProxy: Could not write to current routingtable file");
+  ExpectFailure(tables.Get(),
+                {14, 5, "WSCataProxy", "Could not write to current routingtable file"});
   EXPECT_EQ(tables.recommended.str(), "rec");
   EXPECT_EQ(tables.current.str(), "");
 }
 
 TEST(GetRoutingTables, ThrowsForAMissingColumn) {
-  RoutingTables noRecommended(Table("cr_currentrt", "S", "cur"));
-  EXPECT_EQ(noRecommended.Get().failure, "6/5 Record: Missing required field: cr_recommendedrt");
+  RoutingTables noRecommended(OneRecord("cr_currentrt", "S", "cur"));
+  ExpectFailure(noRecommended.Get(), {6, 5, "Record", "Missing required field: cr_recommendedrt"});
   EXPECT_EQ(noRecommended.current.str(), "");
-  RoutingTables noCurrent(Table("cr_recommendedrt", "S", "rec"));
-  EXPECT_EQ(noCurrent.Get().failure, "6/5 Record: Missing required field: cr_currentrt");
+  RoutingTables noCurrent(OneRecord("cr_recommendedrt", "S", "rec"));
+  ExpectFailure(noCurrent.Get(), {6, 5, "Record", "Missing required field: cr_currentrt"});
   EXPECT_EQ(noCurrent.recommended.str(), "rec");
 }
 
@@ -320,7 +310,7 @@ TEST(GetRoutingTables, DoesNotExamineWhetherAWriteWorked) {
 // GetConfigFile.
 
 TEST(GetConfigFile, SendsItsRequestAndWritesTheText) {
-  Catalog catalog(Table("returnvalue", "S", "[main]\\nagentid=7\\n"));
+  Catalog catalog(OneRecord("returnvalue", "S", "[main]\\nagentid=7\\n"));
   std::ostringstream out;
   ExpectSuccess(OutcomeOf([&] { catalog.proxy.GetConfigFile(7, 3, &out); }));
   EXPECT_EQ(catalog.Url(), "http://s/ws_configfile.php");
@@ -331,7 +321,7 @@ TEST(GetConfigFile, SendsItsRequestAndWritesTheText) {
 }
 
 TEST(GetConfigFile, WritesNothingForAnEmptyText) {
-  Catalog catalog(Table("returnvalue", "S", ""));
+  Catalog catalog(OneRecord("returnvalue", "S", ""));
   std::ostringstream out;
   ExpectSuccess(OutcomeOf([&] { catalog.proxy.GetConfigFile(7, 3, &out); }));
   EXPECT_EQ(out.str(), "");
@@ -341,25 +331,25 @@ TEST(GetConfigFile, WritesNothingForAnEmptyText) {
 TEST(GetConfigFile, RefusesAMissingStreamBeforeAnythingElse) {
   FakeNetwork fake;
   const WSCataProxy proxy(Options({}), fake.network);
-  EXPECT_EQ(OutcomeOf([&] { proxy.GetConfigFile(7, 3, nullptr); }).failure,
-            "6/5 WSCataProxy: configfilestr is null");
+  ExpectFailure(OutcomeOf([&] { proxy.GetConfigFile(7, 3, nullptr); }),
+                {6, 5, "WSCataProxy", "configfilestr is null"});
   EXPECT_TRUE(fake.http.calls.empty());
 }
 
 TEST(GetConfigFile, RefusesABadStreamAfterTheCall) {
-  Catalog catalog(Table("other", "S", "x"));
+  Catalog catalog(OneRecord("other", "S", "x"));
   std::ostringstream out;
   out.setstate(std::ios::eofbit);
-  EXPECT_EQ(OutcomeOf([&] { catalog.proxy.GetConfigFile(7, 3, &out); }).failure,
-            "14/5 WSCataProxy: Could not write to configuration file");
+  ExpectFailure(OutcomeOf([&] { catalog.proxy.GetConfigFile(7, 3, &out); }),
+                {14, 5, "WSCataProxy", "Could not write to configuration file"});
   EXPECT_EQ(catalog.fake.http.requests.size(), 1u);
 }
 
 TEST(GetConfigFile, ThrowsForAMissingColumn) {
-  Catalog catalog(Table("other", "S", "x"));
+  Catalog catalog(OneRecord("other", "S", "x"));
   std::ostringstream out;
-  EXPECT_EQ(OutcomeOf([&] { catalog.proxy.GetConfigFile(7, 3, &out); }).failure,
-            "6/5 Record: Missing required field: returnvalue");
+  ExpectFailure(OutcomeOf([&] { catalog.proxy.GetConfigFile(7, 3, &out); }),
+                {6, 5, "Record", "Missing required field: returnvalue"});
 }
 
 // All five.
@@ -401,8 +391,7 @@ TEST(CatalogOperations, FailOnATableWithoutRecordsWhenTheyReadOne) {
     SCOPED_TRACE(name);
     Catalog catalog(kEmptyTable);
     const Outcome outcome = OutcomeOf([&, &call = operation] { call(catalog.proxy); });
-    EXPECT_EQ(outcome.failure, kNoRecords);
-    EXPECT_EQ(outcome.out + outcome.err, "");
+    ExpectFailure(outcome, kNoRecords);
   }
 }
 
@@ -411,10 +400,7 @@ TEST(CatalogOperations, FailOnAnErrorBlock) {
     SCOPED_TRACE(name);
     Catalog catalog(kErrorBlock);
     const Outcome outcome = OutcomeOf([&, &call = operation] { call(catalog.proxy); });
-    EXPECT_EQ(outcome.failure, kCallFailed);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err,
-              "The webservice returned an error :no\n\nServer's HTTP response code was 0\n");
+    ExpectFailure(outcome, kCallFailed, kErrorShown);
   }
 }
 
@@ -423,9 +409,9 @@ TEST(CatalogOperations, SendNothingWithoutCredentials) {
     SCOPED_TRACE(name);
     FakeNetwork fake;
     const WSCataProxy proxy(Options({"--agentid", "5"}), fake.network);
-    EXPECT_EQ(
-        OutcomeOf([&, &call = operation] { call(proxy); }).failure,
-        "16/7 WSCataProxy: Required parameter url or login or passwd not present, or missing ws");
+    ExpectFailure(OutcomeOf([&, &call = operation] { call(proxy); }),
+                  {16, 7, "WSCataProxy",
+                   "Required parameter url or login or passwd not present, or missing ws"});
     EXPECT_TRUE(fake.http.calls.empty());
   }
 }
@@ -436,19 +422,28 @@ TEST(CatalogOperations, UseTheStoredCredentialsAndTheChannel) {
     FakeNetwork fake;
     fake.channel.text = kErrorBlock;
     WSCataProxy proxy(Options({"--agentid", "5"}), fake.network);
-    proxy.StoreCredentials("vrmo://h", "joe", "pw", "/k");
-    EXPECT_EQ(OutcomeOf([&, &call = operation] { call(proxy); }).failure, kCallFailed);
+    proxy.StoreCredentials("vrmo://h", "joe", support::Secret("pw"), "/k");
+    ExpectFailure(OutcomeOf([&, &call = operation] { call(proxy); }), kCallFailed, kErrorShown);
     ASSERT_EQ(fake.channel.calls.size(), 3u);
     EXPECT_EQ(fake.channel.calls[0], "init vrmo://h joe pw /k 0");
     EXPECT_TRUE(fake.http.calls.empty());
   }
 }
 
+TEST(CatalogOperations, FailWhenTheChannelsReplyIsLongerThanIsKept) {
+  FakeNetwork fake;
+  fake.channel.text = kEmptyTable + std::string(std::size_t{256} << 20, 'x');
+  WSCataProxy proxy(Options({}), fake.network);
+  proxy.StoreCredentials("vrmo://h", "joe", support::Secret("pw"), "/k");
+  ExpectFailure(OutcomeOf([&] { proxy.DiscoverStoragePool(); }), kCallFailed, kNotParsed);
+}
+
 TEST(CatalogOperations, ThrowAndSendNoSecondRequestAfterAFailure) {
   for (const auto& [name, operation] : AllOperations()) {
     SCOPED_TRACE(name);
     Catalog catalog("");
-    EXPECT_EQ(OutcomeOf([&, &call = operation] { call(catalog.proxy); }).failure, kCallFailed);
+    ExpectFailure(OutcomeOf([&, &call = operation] { call(catalog.proxy); }), kCallFailed,
+                  kNotParsed);
     EXPECT_EQ(catalog.fake.http.requests.size(), 1u);
   }
 }

@@ -13,7 +13,7 @@
 namespace corvel::storage::tzregister {
 namespace {
 
-using storage::testing::OutcomeOf;
+using namespace storage::testing;
 using ::testing::ElementsAre;
 using ::testing::Pair;
 
@@ -25,7 +25,7 @@ std::unique_ptr<RecordSet> Table(const std::vector<std::pair<std::string, char>>
   auto records = std::make_unique<RecordSet>();
   for (const auto& [name, type] : columns) {
     auto definition = std::make_unique<FieldDefinition>();
-    definition->name = support::CopyHeapText(name.c_str());
+    definition->name = CopyText(name.c_str());
     definition->type = type;
     records->definitions.push_back(std::move(definition));
   }
@@ -168,8 +168,7 @@ TEST(RecordGetValue, ThrowsForAMissingColumnWhetherItIsRequiredOrNot) {
     for (const std::string name : {"b", "c", "A", "", "none"}) {
       SCOPED_TRACE(name);
       const auto asked = OutcomeOf([&] { records->records[0]->getValue(name, required); });
-      EXPECT_EQ(asked.failure, "6/5 Record: Missing required field: " + name);
-      EXPECT_EQ(asked.out + asked.err, "");
+      ExpectFailure(asked, {6, 5, "Record", "Missing required field: " + name});
     }
   }
 }
@@ -177,12 +176,11 @@ TEST(RecordGetValue, ThrowsForAMissingColumnWhetherItIsRequiredOrNot) {
 TEST(RecordGetValue, ThrowsForAColumnWithoutAValue) {
   Record record;
   record.fields.emplace("gone", nullptr);
-  record.fields.emplace("bare",
-                        std::make_unique<StringField>(support::CopyHeapText("bare"), nullptr));
+  record.fields.emplace("bare", std::make_unique<StringField>(CopyText("bare"), nullptr));
   for (const std::string name : {"gone", "bare"}) {
     SCOPED_TRACE(name);
     const auto asked = OutcomeOf([&] { record.getValue(name, false); });
-    EXPECT_EQ(asked.failure, "6/5 Record: Missing required value for field: " + name);
+    ExpectFailure(asked, {6, 5, "Record", "Missing required value for field: " + name});
   }
 }
 

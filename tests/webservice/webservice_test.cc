@@ -11,30 +11,28 @@
 #include <utility>
 #include <vector>
 
-#include "tests/testing/cleanse_watch.h"
+#include "tests/testing/disguised_secret.h"
 #include "tests/testing/fake_network.h"
-#include "tests/testing/output_capture.h"
+#include "tests/testing/outcome.h"
 #include "tests/testing/scoped_environment.h"
 #include "tests/testing/temp_directory.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-using storage::testing::CapturedCall;
-using storage::testing::FakeNetwork;
-using storage::testing::ScopedEnvironment;
-using storage::testing::ScriptedAnswer;
+using namespace storage::testing;
 using ::testing::ElementsAre;
 using ::testing::Pair;
 
 constexpr long kStaleCode = 999;
+constexpr std::size_t kLongestAnswer = std::size_t{256} << 20;
 
 /// A request over fakes. The server's certificate is not looked for.
 struct Request {
   Request() { ws.url = "http://h/p"; }
 
-  CapturedCall Get() {
-    return storage::testing::Captured([&] { return ws.get(&code); });
+  Outcome Get() {
+    return OutcomeOf([&] { return ws.get(&code); });
   }
 
   std::string Buffer() const {
@@ -46,17 +44,6 @@ struct Request {
   WebService ws{fake.network};
   long code = kStaleCode;
 };
-
-void ExpectSuccess(const CapturedCall& get) {
-  EXPECT_EQ(get.result, 0);
-  EXPECT_EQ(get.out + get.err, "");
-}
-
-void ExpectFailure(const CapturedCall& get, const std::string& message) {
-  EXPECT_EQ(get.result, -1);
-  EXPECT_EQ(get.out, "");
-  EXPECT_EQ(get.err, message);
-}
 
 /// The calls of a transfer of `passes` passes, the last of which is `end`.
 std::vector<std::string> Calls(std::size_t passes, const std::string& end) {
@@ -70,7 +57,7 @@ constexpr char kTimedOut[] = "Webservice call timed out. (curl call did not)\n";
 constexpr char kNetworkError[] = "Network error during webservice call\n";
 
 TEST(WebService, StartsWithItsDefaults) {
-  const WebService ws;
+  const WebService ws{Network()};
   EXPECT_TRUE(ws.fields.empty());
   EXPECT_FALSE(ws.hasFields);
   EXPECT_EQ(ws.buffer.data, nullptr);
@@ -81,20 +68,8 @@ TEST(WebService, StartsWithItsDefaults) {
   EXPECT_EQ(ws.httpStatus, 0);
 }
 
-TEST(WebService, WipesTheValuesOfItsFieldsWhenItGoes) {
-  const storage::testing::CleanseWatch watch;
-  {
-    WebService ws;
-    ws.field("passwd", "short");
-    ws.field("other", "a secret that is far too long to be kept in place");
-    EXPECT_TRUE(watch.blocks().empty());
-  }
-  EXPECT_TRUE(watch.Saw("short"));
-  EXPECT_TRUE(watch.Saw("a secret that is far too long to be kept in place"));
-}
-
 TEST(WebServiceField, KeepsNamesInByteOrder) {
-  WebService ws;
+  WebService ws{Network()};
   EXPECT_EQ(ws.field("type", "t"), 0);
   EXPECT_EQ(ws.field("action", "a"), 0);
   EXPECT_EQ(ws.field("hostName", "h"), 0);
@@ -104,7 +79,7 @@ TEST(WebServiceField, KeepsNamesInByteOrder) {
 }
 
 TEST(WebServiceField, KeepsTheFirstValueOfAName) {
-  WebService ws;
+  WebService ws{Network()};
   ws.field("a", "first");
   EXPECT_EQ(ws.field("a", "second"), 0);
   EXPECT_EQ(ws.field("a", 3), 0);
@@ -112,7 +87,7 @@ TEST(WebServiceField, KeepsTheFirstValueOfAName) {
 }
 
 TEST(WebServiceField, CopiesItsTexts) {
-  WebService ws;
+  WebService ws{Network()};
   std::string name = "name";
   std::string value = "value";
   ws.field(name.c_str(), value.c_str());
@@ -121,7 +96,7 @@ TEST(WebServiceField, CopiesItsTexts) {
 }
 
 TEST(WebServiceField, WritesNumbersInDecimal) {
-  WebService ws;
+  WebService ws{Network()};
   ws.field("a", -5);
   ws.field("b", std::int64_t{0});
   ws.field("c", std::numeric_limits<std::int64_t>::max());
@@ -136,7 +111,7 @@ TEST(WebServiceGet, RefusesAnEmptyUrlBeforeAnythingIsDone) {
   Request request;
   request.ws.url = "";
   request.ws.field("action", "a");
-  ExpectFailure(request.Get(), "No URL specified\n");
+  ExpectError(request.Get(), "No URL specified\n");
   EXPECT_EQ(request.code, 0);
   EXPECT_TRUE(request.fake.http.calls.empty());
   EXPECT_TRUE(request.fake.channel.calls.empty());
@@ -179,7 +154,7 @@ TEST(WebServiceGet, SucceedsWhateverTheHttpStatus) {
   for (const long status : {0L, 200L, 404L, 500L}) {
     SCOPED_TRACE(status);
     Request request;
-    request.fake.http.script.push_back({true, {"bo", "dy"}, false, CURLM_OK, {CURLE_OK, status}});
+    request.fake.http.AnswerInParts({"bo", "dy"}).httpStatus = status;
     ExpectSuccess(request.Get());
     EXPECT_EQ(request.code, status);
     EXPECT_EQ(request.ws.httpStatus, 0);
@@ -203,8 +178,8 @@ TEST(WebServiceGet, DropsTheAnswerOfAnEarlierCall) {
 
 TEST(WebServiceGet, ReportsThatTheNetworkLayerCannotBeInitialised) {
   Request request;
-  request.fake.http.script.push_back({false, {}, false, CURLM_OK, {}});
-  ExpectFailure(request.Get(), "Can't initialize webservice network layer\n");
+  request.fake.http.Answer("").starts = false;
+  ExpectError(request.Get(), "Can't initialize webservice network layer\n");
   EXPECT_EQ(request.code, 0);
   EXPECT_THAT(request.fake.http.calls, ElementsAre("start"));
   EXPECT_TRUE(request.fake.clock.sleeps.empty());
@@ -212,27 +187,37 @@ TEST(WebServiceGet, ReportsThatTheNetworkLayerCannotBeInitialised) {
 
 TEST(WebServiceGet, ReportsATransferThatFailed) {
   Request request;
-  request.fake.http.script.push_back(
-      {true, {"part"}, false, CURLM_OK, {CURLE_COULDNT_CONNECT, 502}});
-  ExpectFailure(request.Get(), kNetworkError);
+  ScriptedAnswer& answer = request.fake.http.Answer("part");
+  answer.transferResult = CURLE_COULDNT_CONNECT;
+  answer.httpStatus = 502;
+  ExpectError(request.Get(), kNetworkError);
   EXPECT_EQ(request.code, 502);
   EXPECT_EQ(request.fake.http.calls, Calls(1, "finish"));
 }
 
 TEST(WebServiceGet, ReportsAPollThatFailed) {
   Request request;
-  request.fake.http.script.push_back({true, {""}, false, CURLM_BAD_HANDLE, {CURLE_OK, 200}});
-  ExpectFailure(request.Get(), kNetworkError);
+  request.fake.http.Answer("").performResult = CURLM_BAD_HANDLE;
+  ExpectError(request.Get(), kNetworkError);
   EXPECT_EQ(request.code, 200);
+}
+
+TEST(WebServiceGet, ReportsAnAnswerWhosePartsTogetherAreTooLong) {
+  Request request;
+  request.fake.http.AnswerInParts({std::string(kLongestAnswer, 'x'), "y"});
+  ExpectError(request.Get(), kNetworkError);
+  EXPECT_EQ(request.Buffer(), "(null)");
 }
 
 TEST(WebServiceGet, LetsOnlyTheLastPollCount) {
   Request good;
-  good.fake.http.script.push_back({true, {"a", "b"}, false, CURLM_OK, {}, {CURLM_OUT_OF_MEMORY}});
+  good.fake.http.AnswerInParts({"a", "b"}).firstResults = {CURLM_OUT_OF_MEMORY};
   ExpectSuccess(good.Get());
   Request bad;
-  bad.fake.http.script.push_back({true, {"a", "b"}, false, CURLM_OUT_OF_MEMORY, {}, {CURLM_OK}});
-  ExpectFailure(bad.Get(), kNetworkError);
+  ScriptedAnswer& answer = bad.fake.http.AnswerInParts({"a", "b"});
+  answer.firstResults = {CURLM_OK};
+  answer.performResult = CURLM_OUT_OF_MEMORY;
+  ExpectError(bad.Get(), kNetworkError);
 }
 
 // The wait.
@@ -245,7 +230,7 @@ TEST(WebServiceWait, SleepsTwoSecondsAfterEveryPassTheLastOneToo) {
   EXPECT_THAT(request.fake.clock.sleeps, ElementsAre(2u));
 
   Request longer;
-  longer.fake.http.script.push_back({true, {"a", "b", "c"}, false, CURLM_OK, {}});
+  longer.fake.http.AnswerInParts({"a", "b", "c"});
   ExpectSuccess(longer.Get());
   EXPECT_EQ(longer.fake.http.calls, Calls(3, "finish"));
   EXPECT_THAT(longer.fake.clock.sleeps, ElementsAre(2u, 2u, 2u));
@@ -253,8 +238,8 @@ TEST(WebServiceWait, SleepsTwoSecondsAfterEveryPassTheLastOneToo) {
 
 TEST(WebServiceWait, DoesNotSleepWhenItIsToPollAgainAtOnce) {
   Request request;
-  request.fake.http.script.push_back(
-      {true, {"a", "b", "c"}, false, CURLM_OK, {}, {CURLM_CALL_MULTI_PERFORM, CURLM_OK}});
+  request.fake.http.AnswerInParts({"a", "b", "c"}).firstResults = {CURLM_CALL_MULTI_PERFORM,
+                                                                   CURLM_OK};
   ExpectSuccess(request.Get());
   EXPECT_EQ(request.fake.http.calls, Calls(3, "finish"));
   EXPECT_THAT(request.fake.clock.sleeps, ElementsAre(2u, 2u));
@@ -262,19 +247,15 @@ TEST(WebServiceWait, DoesNotSleepWhenItIsToPollAgainAtOnce) {
 
 TEST(WebServiceWait, EndsATransferWhoseLastPassAsksForAnother) {
   Request request;
-  request.fake.http.script.push_back({true, {"a", "b"}, false, CURLM_CALL_MULTI_PERFORM, {}});
-  ExpectFailure(request.Get(), kNetworkError);
+  request.fake.http.AnswerInParts({"a", "b"}).performResult = CURLM_CALL_MULTI_PERFORM;
+  ExpectError(request.Get(), kNetworkError);
   EXPECT_EQ(request.fake.http.calls, Calls(2, "finish"));
   EXPECT_TRUE(request.fake.clock.sleeps.empty());
 }
 
 /// A request whose answer is complete with pass number `passes`; 0 for never.
-CapturedCall WaitForPasses(Request* request, std::size_t passes) {
-  ScriptedAnswer answer;
-  answer.endless = passes == 0;
-  answer.parts.assign(passes, "x");
-  answer.outcome = {CURLE_OK, 200};
-  request->fake.http.script.push_back(answer);
+Outcome WaitForPasses(Request* request, std::size_t passes) {
+  request->fake.http.AnswerInParts(Words(passes, "x")).endless = passes == 0;
   return request->Get();
 }
 
@@ -287,17 +268,25 @@ TEST(WebServiceWait, GivesUpAtTheFirstLookBehindTheDeadline) {
     SCOPED_TRACE(one.timeout);
     Request request;
     request.ws.timeout = one.timeout;
-    ExpectFailure(WaitForPasses(&request, 0), kTimedOut);
+    ExpectError(WaitForPasses(&request, 0), kTimedOut);
     EXPECT_EQ(request.fake.http.calls, Calls(one.passes, "abandon"));
     EXPECT_EQ(request.fake.clock.sleeps, std::vector<unsigned>(one.passes, 2));
     EXPECT_EQ(request.code, 0);
   }
 }
 
+TEST(WebServiceWait, GivesUpAtOnceWhenTheDeadlineLiesInThePast) {
+  Request request;
+  request.ws.timeout = -1;
+  ExpectError(WaitForPasses(&request, 0), kTimedOut);
+  EXPECT_EQ(request.fake.http.calls, Calls(0, "abandon"));
+  EXPECT_TRUE(request.fake.clock.sleeps.empty());
+}
+
 TEST(WebServiceWait, TakesHundredAndTwentyToHundredAndTwentyTwoSecondsAtMost) {
   Request request;
   const std::time_t start = request.fake.clock.now;
-  ExpectFailure(WaitForPasses(&request, 0), kTimedOut);
+  ExpectError(WaitForPasses(&request, 0), kTimedOut);
   EXPECT_GT(request.fake.clock.now, start + 120);
   EXPECT_LE(request.fake.clock.now, start + 122);
 }
@@ -312,7 +301,7 @@ TEST(WebServiceWait, AcceptsAnAnswerThatIsCompleteAtTheDeadline) {
 
 TEST(WebServiceWait, LooksAtTheDeadlineBeforeItLooksForTheEnd) {
   Request request;
-  ExpectFailure(WaitForPasses(&request, 61), kTimedOut);
+  ExpectError(WaitForPasses(&request, 61), kTimedOut);
   EXPECT_EQ(request.fake.http.calls, Calls(61, "abandon"));
   EXPECT_EQ(request.code, 0);
 }
@@ -324,7 +313,7 @@ TEST(WebServiceWait, CountsFromTheStartOfTheTransfer) {
 }
 
 /// A clock on which every look takes a second.
-class SlowClock : public storage::testing::FakeClock {
+class SlowClock : public FakeClock {
  public:
   std::time_t Now() override { return now++; }
 };
@@ -333,44 +322,57 @@ TEST(WebServiceWait, KeepsItsDeadlineWithoutEverSleeping) {
   SlowClock clock;
   FakeNetwork fake;
   fake.network.clock = &clock;
-  fake.http.script.push_back({true, {}, true, CURLM_CALL_MULTI_PERFORM, {}});
+  ScriptedAnswer& answer = fake.http.AnswerInParts({});
+  answer.endless = true;
+  answer.performResult = CURLM_CALL_MULTI_PERFORM;
   WebService ws(fake.network);
   ws.url = "http://h/p";
   long code = 0;
-  ExpectFailure(storage::testing::Captured([&] { return ws.get(&code); }), kTimedOut);
+  ExpectError(OutcomeOf([&] { return ws.get(&code); }), kTimedOut);
   EXPECT_TRUE(clock.sleeps.empty());
   EXPECT_EQ(fake.http.calls, Calls(120, "abandon"));
 }
 
 // Which certificate the server is verified by.
 
-/// The certificate file of a request to `url`, without the directory.
-std::string CaFileFor(const std::string& url, const char* verify) {
-  const storage::testing::TempDirectory plugins;
+/// How a request to `url` verifies its server, in words; the certificate file
+/// stands without its directory.
+std::string VerificationFor(const std::string& url, const char* verify) {
+  const TempDirectory plugins;
   plugins.Write("known.pem", "");
   const ScopedEnvironment directory("QUORVEX_PLUGIN_PATH", plugins.path().c_str());
   Request request;
-  const ScopedEnvironment verification("QUORVEX_SSL_VERIFY", verify);
+  const ScopedEnvironment variable("QUORVEX_SSL_VERIFY", verify);
   request.ws.url = url;
   request.fake.http.Answer("text");
   ExpectSuccess(request.Get());
-  const std::string file = request.fake.http.requests.at(0).caFile;
+  const support::Verification& verification = request.fake.http.requests.at(0).verification;
+  static const char* const kWords[] = {"unverified", "file", "file only", "system"};
   const std::string prefix = plugins.path() + "/";
-  return file.rfind(prefix, 0) == 0 ? file.substr(prefix.size()) : file;
+  const std::string& file = verification.caFile;
+  return std::string(kWords[static_cast<int>(verification.trust)]) + " " +
+         (file.rfind(prefix, 0) == 0 ? file.substr(prefix.size()) : file);
 }
 
 TEST(WebServiceGet, VerifiesTheServerByItsFileInThePluginDirectory) {
-  EXPECT_EQ(CaFileFor("https://known:8443/p", nullptr), "known.pem");
-  EXPECT_EQ(CaFileFor("http://known/p", "1"), "known.pem");
+  EXPECT_EQ(VerificationFor("https://known:8443/p", nullptr), "file known.pem");
+  EXPECT_EQ(VerificationFor("https://KNOWN./p", "1"), "file known.pem");
+  EXPECT_EQ(VerificationFor("http://known/p", "1"), "file known.pem");
 }
 
 TEST(WebServiceGet, DoesNotVerifyAServerWithoutAFile) {
-  EXPECT_EQ(CaFileFor("https://other/p", nullptr), "");
-  EXPECT_EQ(CaFileFor("https://", nullptr), "");
+  EXPECT_EQ(VerificationFor("https://other/p", nullptr), "unverified ");
+  EXPECT_EQ(VerificationFor("https://", nullptr), "unverified ");
 }
 
 TEST(WebServiceGet, DoesNotVerifyWhenVerificationIsOff) {
-  EXPECT_EQ(CaFileFor("https://known/p", "0"), "");
+  EXPECT_EQ(VerificationFor("https://known/p", "0"), "unverified ");
+}
+
+TEST(WebServiceGet, VerifiesEveryServerWhenThatIsRequired) {
+  EXPECT_EQ(VerificationFor("https://known/p", "required"), "file only known.pem");
+  EXPECT_EQ(VerificationFor("https://other/p", "required"), "system ");
+  EXPECT_EQ(VerificationFor("https://other/p", "Required"), "unverified ");
 }
 
 // The channel.
@@ -438,20 +440,10 @@ TEST(WebServiceChannel, IsChosenByTheWholeScheme) {
   EXPECT_TRUE(bare.fake.http.calls.empty());
 }
 
-TEST(WebServiceChannel, PassesNoKeyDirectoryThatIsTooLong) {
-  const std::string longest(5011, 'k');
-  ChannelRequest fits({{"keydir", longest}});
-  ExpectSuccess(fits.Get());
-  EXPECT_EQ(fits.fake.channel.calls.at(0), "init vrmo://h/p   " + longest + " 0");
-  ChannelRequest tooLong({{"keydir", longest + "k"}});
-  ExpectSuccess(tooLong.Get());
-  EXPECT_EQ(tooLong.fake.channel.calls.at(0), "init vrmo://h/p    0");
-}
-
 TEST(WebServiceChannel, ReportsThatItCannotBeInitialised) {
   ChannelRequest request;
   request.fake.channel.init = false;
-  ExpectFailure(request.Get(), "Can't initialize webservice.\n");
+  ExpectError(request.Get(), "Can't initialize webservice.\n");
   EXPECT_EQ(request.fake.channel.calls.size(), 1u);
   EXPECT_EQ(request.code, 0);
 }
@@ -460,7 +452,7 @@ TEST(WebServiceChannel, ReportsARequestThatWasNotDelivered) {
   ChannelRequest request;
   request.fake.channel.result = -1;
   request.fake.channel.status = 1;
-  ExpectFailure(request.Get(), "Request failed.\n");
+  ExpectError(request.Get(), "Request failed.\n");
   EXPECT_EQ(request.fake.channel.calls.back(), "shutdown");
   EXPECT_EQ(request.Buffer(), "(null)");
 }
@@ -471,7 +463,7 @@ TEST(WebServiceChannel, ReportsAReplyWithAStatus) {
     ChannelRequest request;
     request.fake.channel.status = status;
     request.fake.channel.text = "no";
-    ExpectFailure(request.Get(), "return status failed.\n");
+    ExpectError(request.Get(), "return status failed.\n");
     EXPECT_EQ(request.fake.channel.calls.back(), "shutdown");
     EXPECT_EQ(request.Buffer(), "(null)");
     EXPECT_EQ(request.code, 0);
@@ -485,47 +477,36 @@ TEST(WebServiceChannel, TakesAReplyWithoutText) {
   EXPECT_EQ(request.Buffer(), "(null)");
 }
 
-TEST(WebServiceChannel, WipesItsCopiesOfTheSecretsAndTheReply) {
-  ChannelRequest request({{"login", "joe the login"}, {"passwd", "pw"}, {"rules", "r"}});
-  request.fake.channel.text = "reply with a password";
-  const storage::testing::CleanseWatch watch;
+TEST(WebServiceChannel, AppendsTheReplyBeforeItShutsTheChannelDown) {
+  ChannelRequest request;
+  std::string atShutdown;
+  request.fake.channel.text = "reply";
+  request.fake.channel.onShutdown = [&] { atShutdown = request.Buffer(); };
   ExpectSuccess(request.Get());
-  EXPECT_TRUE(watch.Saw("joe the login"));
-  EXPECT_TRUE(watch.Saw("pw"));
-  EXPECT_TRUE(watch.Saw("rules=r"));
-  EXPECT_TRUE(watch.Saw("reply with a password"));
+  EXPECT_EQ(atShutdown, "reply");
 }
 
-// The receipt of an answer.
-
-TEST(WebServiceDataCallback, AppendsAndTerminates) {
-  WebServiceBuffer buffer;
-  char bytes[] = {'a', 'b', '\0', 'd'};
-  EXPECT_EQ(WebService::data_callback(bytes, 2, 2, &buffer), 4u);
-  EXPECT_EQ(WebService::data_callback(bytes, 1, 1, &buffer), 1u);
-  ASSERT_EQ(buffer.size, 5u);
-  EXPECT_EQ(std::string(buffer.data, 6), std::string("ab\0da\0", 6));
+TEST(WebServiceChannel, CutsAKeyDirectoryThatIsTooLong) {
+  for (const std::size_t length : {5010u, 5011u, 5012u, 10000u}) {
+    SCOPED_TRACE(length);
+    ChannelRequest request({{"keydir", std::string(length, 'k')}});
+    ExpectSuccess(request.Get());
+    EXPECT_EQ(request.fake.channel.calls.front(),
+              "init vrmo://h/p   " + std::string(std::min(length, std::size_t{5011}), 'k') + " 0");
+  }
 }
 
-TEST(WebServiceDataCallback, MakesAnEmptyTextOfNoBytes) {
-  WebServiceBuffer buffer;
-  EXPECT_EQ(WebService::data_callback(nullptr, 1, 0, &buffer), 0u);
-  ASSERT_NE(buffer.data, nullptr);
-  EXPECT_STREQ(buffer.data, "");
-}
-
-TEST(WebServiceDataCallback, TakesNothingWithoutABuffer) {
-  char bytes[] = "ab";
-  EXPECT_EQ(WebService::data_callback(bytes, 1, 2, nullptr), 0u);
-}
-
-TEST(WebServiceDataCallback, EmptiesTheBufferWhenTheAnswerBecomesTooLong) {
-  WebServiceBuffer buffer;
-  char bytes[] = "ab";
-  ASSERT_EQ(WebService::data_callback(bytes, 1, 2, &buffer), 2u);
-  EXPECT_EQ(WebService::data_callback(bytes, 1, support::kMaxAnswerBytes, &buffer), 0u);
-  EXPECT_EQ(buffer.data, nullptr);
-  EXPECT_EQ(buffer.size, 0u);
+TEST(WebServiceChannel, LeavesNoCopyOfThePasswordButTheForms) {
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret secret(length);
+    ChannelRequest request;
+    request.ws.field("login", "joe");
+    request.fake.channel.recordsCalls = false;
+    secret.Reveal([&](const char* text) { request.ws.field("passwd", text); });
+    EXPECT_EQ(request.ws.get(&request.code), 0);
+    EXPECT_TRUE(secret.Is(request.ws.fields["passwd"]));
+    EXPECT_EQ(secret.Copies(), 1U);
+  }
 }
 
 }  // namespace

@@ -7,12 +7,14 @@
 #include <algorithm>
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "tests/testing/cleanse_watch.h"
+#include "tests/testing/authority_answers.h"
 #include "tests/testing/command_line.h"
+#include "tests/testing/disguised_secret.h"
 #include "tests/testing/fake_network.h"
 #include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"
@@ -20,26 +22,21 @@
 namespace corvel::storage::tzregister {
 namespace {
 
-using storage::testing::CleanseWatch;
-using storage::testing::FakeNetwork;
-using storage::testing::Options;
-using storage::testing::Outcome;
-using storage::testing::OutcomeOf;
-using storage::testing::TempDirectory;
+using namespace storage::testing;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Key;
 using ::testing::Not;
 using ::testing::Pair;
 
-constexpr char kMissing[] =
-    "16/7 WSCataProxy: Required parameter url or login or passwd not present, or missing ws";
-constexpr char kBadFile[] = "16/7 WSCataProxy: Required parameter passwdfile not valid";
-constexpr char kCallFailed[] = "6/7 WSCataProxy: WebService call failed";
+const Thrown kMissing{16, 7, "WSCataProxy",
+                      "Required parameter url or login or passwd not present, or missing ws"};
+const Thrown kBadFile{16, 7, "WSCataProxy", "Required parameter passwdfile not valid"};
 
 /// A proxy over `arguments`, and a request that it is to set up.
 struct Preparation {
-  explicit Preparation(const std::vector<std::string>& arguments) : proxy(Options(arguments)) {}
+  explicit Preparation(const std::vector<std::string>& arguments)
+      : proxy(Options(arguments), Network()) {}
 
   Outcome Prepare() {
     return OutcomeOf([&] { proxy.PPrepareWebService(&ws, "ws_page.php"); });
@@ -50,25 +47,8 @@ struct Preparation {
   }
 
   WSCataProxy proxy;
-  WebService ws;
+  WebService ws{Network()};
 };
-
-void ExpectSuccess(const Outcome& outcome) {
-  EXPECT_EQ(outcome.failure, "");
-  EXPECT_EQ(outcome.out + outcome.err, "");
-}
-
-void ExpectFailure(const Outcome& outcome, const std::string& failure, const std::string& err) {
-  EXPECT_EQ(outcome.failure, failure);
-  EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(outcome.err, err);
-}
-
-/// How many of the wiped blocks began with `text`.
-std::ptrdiff_t TimesWiped(const CleanseWatch& watch, const std::string& text) {
-  return std::count_if(watch.blocks().begin(), watch.blocks().end(),
-                       [&](const std::string& block) { return block.rfind(text, 0) == 0; });
-}
 
 TEST(PPrepareWebService, TakesAddressAndCredentialsFromTheOptions) {
   Preparation call({"--url", "https://spa:8443/base", "--login", "joe", "--passwd", "pw"});
@@ -100,16 +80,16 @@ TEST(PPrepareWebService, AppendsThePageUnlessTheAddressIsTheChannels) {
     ExpectSuccess(call.Prepare());
     EXPECT_EQ(call.ws.url, url);
     Preparation stored({});
-    stored.proxy.StoreCredentials(address, "l", "p", "k");
+    stored.proxy.StoreCredentials(address, "l", support::Secret("p"), "k");
     ExpectSuccess(stored.Prepare());
     EXPECT_EQ(stored.ws.url, url);
   }
 }
 
 TEST(PPrepareWebService, RefusesAMissingRequestBeforeItReadsAnything) {
-  const WSCataProxy proxy(Options({"--passwdfile", "/nonexistent/passwd"}));
+  const WSCataProxy proxy(Options({"--passwdfile", "/nonexistent/passwd"}), Network());
   ExpectFailure(OutcomeOf([&] { proxy.PPrepareWebService(nullptr, "ws_page.php"); }),
-                "16/7 WSCataProxy: missing ws", "");
+                {16, 7, "WSCataProxy", "missing ws"});
 }
 
 TEST(PPrepareWebService, RefusesMissingOptions) {
@@ -125,7 +105,7 @@ TEST(PPrepareWebService, RefusesMissingOptions) {
   for (const auto& arguments : cases) {
     SCOPED_TRACE(::testing::PrintToString(arguments));
     Preparation call(arguments);
-    ExpectFailure(call.Prepare(), kMissing, "");
+    ExpectFailure(call.Prepare(), kMissing);
   }
 }
 
@@ -188,15 +168,28 @@ TEST(PasswordFile, IsNotReadBesideAPassword) {
   EXPECT_EQ(call.ws.fields["passwd"], "pw");
 }
 
-TEST(PasswordFile, LeavesNoCopyOfThePasswordUnwiped) {
+TEST(PasswordFile, LeavesNoCopyOfThePasswordButTheRequests) {
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret secret(length);
+    const TempDirectory directory;
+    WriteSecretFile(directory.File("passwd"), "# mine\nxpasswd=", secret, "\n");
+    Preparation call(
+        {"--url", "http://s", "--login", "joe", "--passwdfile", directory.File("passwd")});
+    call.proxy.PPrepareWebService(&call.ws, "ws_page.php");
+    EXPECT_TRUE(secret.Is(call.ws.fields["passwd"]));
+    EXPECT_EQ(secret.Copies(), 1U);
+  }
+}
+
+TEST(PasswordFile, IsSearchedAcrossAnyBlockOfItsReading) {
   const TempDirectory directory;
-  Preparation call({"--url", "http://s", "--login", "joe", "--passwdfile",
-                    directory.Write("passwd", "# mine\nxpasswd=secret of the file\n")});
-  const CleanseWatch watch;
-  ExpectSuccess(call.Prepare());
-  EXPECT_TRUE(watch.Saw("xpasswd=secret of the file"));
-  // The one read from the file, and the one on its way into the request.
-  EXPECT_EQ(TimesWiped(watch, "secret of the file"), 2);
+  for (const std::size_t before : {4089u, 4090u, 4095u, 4096u, 4097u, 100000u}) {
+    SCOPED_TRACE(before);
+    Preparation call({"--url", "http://s", "--login", "joe", "--passwdfile",
+                      directory.Write("passwd", std::string(before, 'p') + "passwpasswd=pw\n")});
+    ExpectSuccess(call.Prepare());
+    EXPECT_EQ(call.ws.fields["passwd"], "pw");
+  }
 }
 
 // With stored credentials.
@@ -204,7 +197,8 @@ TEST(PasswordFile, LeavesNoCopyOfThePasswordUnwiped) {
 /// The login, password and key directory sent by a proxy that has stored ones.
 std::string StoredAccount(const std::vector<std::string>& arguments) {
   Preparation call(arguments);
-  call.proxy.StoreCredentials("http://stored", "stored-login", "stored-pw", "/stored");
+  call.proxy.StoreCredentials("http://stored", "stored-login", support::Secret("stored-pw"),
+                              "/stored");
   ExpectSuccess(call.Prepare());
   EXPECT_EQ(call.ws.url, "http://stored/ws_page.php");
   EXPECT_EQ(call.ws.fields.size(), 3u);
@@ -226,40 +220,57 @@ TEST(StoredCredentials, AreUsedUnlessAnOptionTakesTheirPlace) {
 TEST(StoredCredentials, KeepTheirKeyDirectoryAgainstTheOption) {
   EXPECT_EQ(StoredAccount({"--keydir", "/option"}), "stored-login stored-pw /stored");
   Preparation call({"--keydir", "/option"});
-  call.proxy.StoreCredentials("http://stored", "l", "p", "");
+  call.proxy.StoreCredentials("http://stored", "l", support::Secret("p"), "");
   ExpectSuccess(call.Prepare());
   EXPECT_THAT(call.ws.fields, Contains(Pair("keydir", "")));
 }
 
 TEST(StoredCredentials, StillRefuseABadPasswordFile) {
   Preparation call({"--passwdfile", "/nonexistent/passwd"});
-  call.proxy.StoreCredentials("http://stored", "l", "p", "k");
+  call.proxy.StoreCredentials("http://stored", "l", support::Secret("p"), "k");
   ExpectFailure(call.Prepare(), kBadFile, "Failed to open SPA passwd file.\n");
 }
 
 TEST(StoredCredentials, CountAsNoneWithoutAUrl) {
   Preparation call({"--url", "http://s", "--login", "joe"});
-  call.proxy.StoreCredentials("", "l", "p", "k");
-  ExpectFailure(call.Prepare(), kMissing, "");
+  call.proxy.StoreCredentials("", "l", support::Secret("p"), "k");
+  ExpectFailure(call.Prepare(), kMissing);
   Preparation whole({"--url", "http://s", "--login", "joe", "--passwd", "pw"});
-  whole.proxy.StoreCredentials("", "l", "p", "k");
+  whole.proxy.StoreCredentials("", "l", support::Secret("p"), "k");
   ExpectSuccess(whole.Prepare());
   EXPECT_THAT(whole.ws.fields, ElementsAre(Pair("login", "joe"), Pair("passwd", "pw")));
 }
 
-TEST(StoredCredentials, ServeEveryCallAndAreWipedWithTheProxy) {
-  const CleanseWatch watch;
-  {
-    WSCataProxy proxy(Options({}));
-    proxy.StoreCredentials("http://stored", "l", "the stored password", "k");
-    for (int call = 0; call < 2; ++call) {
-      WebService ws;
-      proxy.PPrepareWebService(&ws, "p");
-      EXPECT_EQ(ws.fields["passwd"], "the stored password");
-    }
+TEST(StoredCredentials, ServeEveryCall) {
+  WSCataProxy proxy(Options({}), Network());
+  proxy.StoreCredentials("http://stored", "l", support::Secret("stored-pw"), "k");
+  for (int call = 0; call < 2; ++call) {
+    WebService ws{Network()};
+    proxy.PPrepareWebService(&ws, "p");
+    EXPECT_EQ(ws.fields["passwd"], "stored-pw");
   }
-  // Two requests with one copy each on their way into them, and the proxy's own.
-  EXPECT_EQ(TimesWiped(watch, "the stored password"), 5);
+}
+
+/// Stores an account with `password` in `*proxy`.
+void StorePassword(const DisguisedSecret& password, WSCataProxy* proxy) {
+  password.Reveal([&](const char* text) {
+    proxy->StoreCredentials("http://stored", "l", support::Secret(text), "k");
+  });
+}
+
+TEST(StoredCredentials, LeaveNoPasswordBehindWhenOthersComeOrTheProxyGoes) {
+  for (const std::size_t length : {12U, 60U}) {
+    const DisguisedSecret first(length);
+    const DisguisedSecret second(length);
+    auto proxy = std::make_unique<WSCataProxy>(Options({}), Network());
+    StorePassword(first, proxy.get());
+    EXPECT_EQ(first.Copies(), 1U);
+    StorePassword(second, proxy.get());
+    EXPECT_EQ(first.Copies(), 0U);
+    EXPECT_EQ(second.Copies(), 1U);
+    proxy.reset();
+    EXPECT_EQ(second.Copies(), 0U);
+  }
 }
 
 // The agent page.
@@ -289,14 +300,14 @@ TEST(PPrepareAgentWebService, SendsNoAgentIdThatIsNotPositiveWhenTakenAsSigned) 
 
 TEST(PPrepareAgentWebService, RefusesAMissingAgentId) {
   Preparation call({"--url", "http://s", "--login", "l", "--passwd", "p"});
-  ExpectFailure(call.PrepareAgent(), "6/7 WSCataProxy: can't find agentid", "");
+  ExpectFailure(call.PrepareAgent(), {6, 7, "WSCataProxy", "can't find agentid"});
 }
 
 TEST(PPrepareAgentWebService, PreparesTheRequestBeforeItLooksForTheAgentId) {
   Preparation call({"--url", "http://s"});
-  ExpectFailure(call.PrepareAgent(), kMissing, "");
+  ExpectFailure(call.PrepareAgent(), kMissing);
   ExpectFailure(OutcomeOf([&] { call.proxy.PPrepareAgentWebService(nullptr, "act", 0); }),
-                "16/7 WSCataProxy: missing ws", "");
+                {16, 7, "WSCataProxy", "missing ws"});
 }
 
 TEST(PPrepareAgentWebService, AddsTheKeyDirectoryUnlessOneIsStored) {
@@ -306,7 +317,7 @@ TEST(PPrepareAgentWebService, AddsTheKeyDirectoryUnlessOneIsStored) {
   ExpectSuccess(call.PrepareAgent());
   EXPECT_THAT(call.ws.fields, Contains(Pair("keydir", "/k")));
   Preparation stored(arguments);
-  stored.proxy.StoreCredentials("http://stored", "l", "p", "/stored");
+  stored.proxy.StoreCredentials("http://stored", "l", support::Secret("p"), "/stored");
   ExpectSuccess(stored.PrepareAgent());
   EXPECT_THAT(stored.ws.fields, Contains(Pair("keydir", "/stored")));
   EXPECT_THAT(AgentFields("5"), Not(Contains(Key("keydir"))));
@@ -336,8 +347,7 @@ TEST(PCallWebService, ReturnsOnATable) {
 
 TEST(PCallWebService, ReturnsOnATableWhateverTheHttpStatus) {
   Call call;
-  call.fake.http.script.push_back(
-      {true, {"***BEGIN***\n0\na\nS\n"}, false, CURLM_OK, {CURLE_OK, 500}});
+  call.fake.http.Answer("***BEGIN***\n0\na\nS\n").httpStatus = 500;
   ExpectSuccess(call.Perform());
   EXPECT_EQ(call.records.recordCount, 0);
 }
@@ -351,15 +361,14 @@ TEST(PCallWebService, RefusesAMissingRequestOrSet) {
                                      {nullptr, nullptr}}) {
     ExpectFailure(
         OutcomeOf([&request = request, &set = set] { WSCataProxy::PCallWebService(request, set); }),
-        "6/7 WSCataProxy: null ws or res", "null ws or res\n");
+        {6, 7, "WSCataProxy", "null ws or res"}, "null ws or res\n");
   }
   EXPECT_TRUE(fake.http.calls.empty());
 }
 
 TEST(PCallWebService, FailsWhenTheTransferDoes) {
   Call call;
-  call.fake.http.script.push_back(
-      {true, {"***BEGIN***\n0\na\nS\n"}, false, CURLM_OK, {CURLE_COULDNT_CONNECT, 502}});
+  call.fake.http.Answer("***BEGIN***\n0\na\nS\n").transferResult = CURLE_COULDNT_CONNECT;
   ExpectFailure(call.Perform(), kCallFailed,
                 "Network error during webservice call\nServer's HTTP response code was 0\n");
   Call nowhere;
@@ -373,9 +382,7 @@ TEST(PCallWebService, FailsOnAnAnswerThatCannotBeRead) {
     SCOPED_TRACE(answer);
     Call call;
     call.fake.http.Answer(answer);
-    ExpectFailure(call.Perform(), kCallFailed,
-                  "The data returned by the webservice could not be parsed.\n"
-                  "Server's HTTP response code was 0\n");
+    ExpectFailure(call.Perform(), kCallFailed, kNotParsed);
   }
 }
 

@@ -27,8 +27,8 @@ def _check(status: int, what: str) -> None:
         raise OSError(number, f"{what}: {os.strerror(number)}")
 
 
-def _mount(source: Optional[bytes], target: bytes, kind: Optional[bytes], flags: int) -> None:
-    _check(_libc.mount(source, target, kind, ctypes.c_ulong(flags), None), f"mount on {target.decode()}")
+def _mount(source: Optional[bytes], target: bytes, flags: int) -> None:
+    _check(_libc.mount(source, target, None, ctypes.c_ulong(flags), None), f"mount on {target.decode()}")
 
 
 def _keep_mounts_inside(root: int) -> None:
@@ -41,18 +41,16 @@ def _keep_mounts_inside(root: int) -> None:
     os.fchdir(root)
     while not os.path.samefile(".", ".."):
         os.chdir("..")
-    _mount(None, b".", None, _MS_REC | _MS_SLAVE)
+    _mount(None, b".", _MS_REC | _MS_SLAVE)
     os.fchdir(root)
     os.chroot(".")
 
 
 def _enter_bound_root() -> None:
     """Makes the root directory, bound to a mount point, the root."""
-    _mount(b"/", b"/tmp", None, _MS_BIND | _MS_REC)
+    _mount(b"/", b"/tmp", _MS_BIND | _MS_REC)
     os.chroot("/tmp")
     os.chdir("/")
-    if not os.path.exists("/proc/self"):
-        _mount(b"proc", b"/proc", b"proc", 0)
 
 
 def main() -> None:

@@ -56,6 +56,7 @@ def _entry(text: str) -> Entry:
     entry = Entry(heading[1:-1])
     name = ""
     assert heading == f"`{entry.message}`", heading
+    name = ""
     for line in filter(None, lines):
         if line.startswith("  - "):
             entry.lists[name].append(line[4:])

@@ -1,0 +1,26 @@
+#include "support/parsed_options.h"
+
+namespace corvel::storage::support {
+
+ParsedOptions::ParsedOptions(const boost::program_options::variables_map& options)
+    : options_(options) {}
+
+bool ParsedOptions::Has(const std::string& name) const { return options_.count(name) > 0; }
+
+const std::string& ParsedOptions::Text(const std::string& name) const {
+  return options_[name].as<std::string>();
+}
+
+std::string ParsedOptions::TextOr(const std::string& name, const std::string& fallback) const {
+  return Has(name) ? Text(name) : fallback;
+}
+
+std::uint64_t ParsedOptions::Number(const std::string& name) const {
+  return options_[name].as<unsigned long>();
+}
+
+const Secret& ParsedOptions::SecretText(const std::string& name) const {
+  return *options_[name].as<SharedSecret>();
+}
+
+}  // namespace corvel::storage::support

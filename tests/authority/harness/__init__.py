@@ -1,0 +1,1 @@
+"""What the cases of the reference authority share."""
