@@ -185,7 +185,7 @@ class Host:
         being its "$@": for runs that need a preparation, another standard
         output or a look at a disk that vanishes.
         """
-        command = [self.program, *arguments]
+        command = [*_run_under(), self.program, *arguments]
         if shell is not None:
             command = ["/bin/sh", "-c", shell, "sh", *command]
         done = subprocess.run(
@@ -239,6 +239,11 @@ class Host:
         """The run's whole environment."""
         passed_on = {name: os.environ[name] for name in _PASSED_ON if name in os.environ}
         return {"PATH": "/usr/bin:/bin", "LANG": "C.UTF-8", **passed_on, **self.environment, **more}
+
+
+def _run_under() -> Sequence[str]:
+    """The program that watches the runs, if any, with its options."""
+    return os.environ.get("TZREGISTER_RUN_UNDER", "").split()
 
 
 def _writable_outside() -> Sequence[Path]:
