@@ -88,7 +88,7 @@ class Server(http.server.ThreadingHTTPServer):
         """Speaks TLS first where the server has it."""
         try:
             stream = self.tls.wrap_socket(request, server_side=True) if self.tls else request
-            super().finish_request(stream, client_address)  # type: ignore[arg-type]
+            super().finish_request(stream, client_address)
         except OSError:
             pass
 

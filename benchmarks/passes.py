@@ -11,6 +11,7 @@ from __future__ import annotations
 
 import argparse
 import contextlib
+import functools
 import json
 import os
 import shutil
@@ -84,33 +85,30 @@ class Outcome:
 def link_cases(delayed: bool) -> list[Case]:
     """The cases that are run over both links."""
 
-    def serving(size: int = 0, **more: object) -> Serving:
-        return Serving(size=size, delayed=delayed, **more)  # type: ignore[arg-type]
-
-    tls_12, tls_13 = {"tls": "1.2"}, {"tls": "1.3"}
+    serving = functools.partial(Serving, delayed=delayed)
     return [
         Case("discover, HTTP by address", serving()),
         Case("discover, HTTP by name", serving(), by_name=True),
-        Case("discover, HTTPS TLS 1.3", serving(**tls_13)),
-        Case("discover, HTTPS TLS 1.2", serving(**tls_12)),
+        Case("discover, HTTPS TLS 1.3", serving(tls="1.3")),
+        Case("discover, HTTPS TLS 1.2", serving(tls="1.2")),
         Case("register, HTTP", serving(), "register"),
         Case("register, HTTP by name", serving(), "register", by_name=True),
-        Case("register, HTTPS TLS 1.3", serving(**tls_13), "register"),
-        Case("register, HTTPS TLS 1.2", serving(**tls_12), "register"),
+        Case("register, HTTPS TLS 1.3", serving(tls="1.3"), "register"),
+        Case("register, HTTPS TLS 1.2", serving(tls="1.2"), "register"),
         Case("register, server closes, HTTP", serving(close=True), "register"),
         Case("register, server closes, HTTP by name", serving(close=True), "register", by_name=True),
-        Case("register, server closes, HTTPS TLS 1.3", serving(close=True, **tls_13), "register"),
-        Case("register, server closes, HTTPS TLS 1.2", serving(close=True, **tls_12), "register"),
+        Case("register, server closes, HTTPS TLS 1.3", serving(close=True, tls="1.3"), "register"),
+        Case("register, server closes, HTTPS TLS 1.2", serving(close=True, tls="1.2"), "register"),
         Case("createds, 100 KB of rules, HTTP", serving(), "createds", rules=100_000),
-        Case("createds, 100 KB of rules, HTTPS", serving(**tls_13), "createds", rules=100_000),
-        *(Case(f"{size} MB answer, HTTP", serving(size * MEGABYTE)) for size in (1, 10, 60, 100, 200)),
-        *(Case(f"{size} MB answer, HTTPS", serving(size * MEGABYTE, **tls_13)) for size in (1, 10, 60)),
-        *(Case(f"{size} MB answer, compressed", serving(size * MEGABYTE, compress=True)) for size in (10, 100)),
-        Case("10 MB answer, compressed, HTTPS", serving(10 * MEGABYTE, compress=True, **tls_13)),
-        *(Case(f"{size} MB of routing tables", serving(size * MEGABYTE), "routingtables") for size in (1, 10, 60, 200)),
-        *(Case(f"{size} MB configuration file", serving(size * MEGABYTE), "configfile") for size in (1, 10, 60, 200)),
+        Case("createds, 100 KB of rules, HTTPS", serving(tls="1.3"), "createds", rules=100_000),
+        *(Case(f"{size} MB answer, HTTP", serving(size=size * MEGABYTE)) for size in (1, 10, 60, 100, 200)),
+        *(Case(f"{size} MB answer, HTTPS", serving(size=size * MEGABYTE, tls="1.3")) for size in (1, 10, 60)),
+        *(Case(f"{size} MB answer, compressed", serving(size=size * MEGABYTE, compress=True)) for size in (10, 100)),
+        Case("10 MB answer, compressed, HTTPS", serving(size=10 * MEGABYTE, compress=True, tls="1.3")),
+        *(Case(f"{size} MB of routing tables", serving(size=size * MEGABYTE), "routingtables") for size in (1, 10, 60, 200)),
+        *(Case(f"{size} MB configuration file", serving(size=size * MEGABYTE), "configfile") for size in (1, 10, 60, 200)),
         *(
-            Case(f"{size} MB configuration file of one value", serving(size * MEGABYTE), "configfile", below="/one_value")
+            Case(f"{size} MB configuration file of one value", serving(size=size * MEGABYTE), "configfile", below="/one_value")
             for size in (1, 10, 60, 200)
         ),
     ]

@@ -1,4 +1,5 @@
-// Preloaded into the tool (LD_PRELOAD): counts the passes of its wait loop and keeps its peak memory.
+// Preloaded into the tool (LD_PRELOAD): counts the passes of its wait loop and keeps its peak
+// memory.
 //
 //   PASS_COUNT_FILE   gets one byte appended for every pass
 //   PASS_PEAK_FILE    if set, gets the process's account of its memory when it ends

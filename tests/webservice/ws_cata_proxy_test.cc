@@ -35,7 +35,8 @@ const Thrown kBadFile{16, 7, "WSCataProxy", "Required parameter passwdfile not v
 
 /// A proxy over `arguments`, and a request that it is to set up.
 struct Preparation {
-  explicit Preparation(const std::vector<std::string>& arguments) : proxy(Options(arguments), Network()) {}
+  explicit Preparation(const std::vector<std::string>& arguments)
+      : proxy(Options(arguments), Network()) {}
 
   Outcome Prepare() {
     return OutcomeOf([&] { proxy.PPrepareWebService(&ws, "ws_page.php"); });
