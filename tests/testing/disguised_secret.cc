@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,7 @@ constexpr std::uint64_t kDisguiseWord = 0x9595959595959595;
 /// stores its data in is not.
 constexpr std::uintptr_t kLargestMapping = std::uintptr_t{4} << 30;
 
+constexpr std::size_t kPageBytes = 4096;
 constexpr std::size_t kMostPieces = 16;
 constexpr std::size_t kSparedStackBytes = std::size_t{64} << 10;
 
@@ -80,12 +82,33 @@ class PieceCounter {
     for (const std::uint64_t piece : pieces_) isFirstByte_[piece & 0xff] = true;
   }
 
-  void Search(const Mapping& mapping);
+  /// Searches the pages of `mapping` that were ever touched: the sanitizers set a
+  /// multiple of them aside.
+  void Search(const Mapping& mapping) {
+    Mapping run = {mapping.begin, mapping.begin};
+    for (std::uintptr_t page = mapping.begin; page < mapping.end; page += kPageBytes) {
+      if (IsTouched(page)) {
+        run.end = page + kPageBytes;
+      } else {
+        SearchRun(run);
+        run = {page + kPageBytes, page + kPageBytes};
+      }
+    }
+    SearchRun(run);
+  }
 
   /// How often the most frequent piece was found.
   std::size_t most() const { return *std::max_element(std::begin(counts_), std::end(counts_)); }
 
  private:
+  static bool IsTouched(std::uintptr_t page) {
+    unsigned char resident = 0;
+    const int result = mincore(reinterpret_cast<void*>(page), kPageBytes, &resident);
+    return result != 0 || (resident & 1) != 0;
+  }
+
+  void SearchRun(const Mapping& run);
+
   const std::vector<std::uint64_t>& pieces_;
   std::size_t counts_[kMostPieces] = {};
   bool isFirstByte_[256] = {};
@@ -94,10 +117,10 @@ class PieceCounter {
 // Memory that no object owns any more is read here, which the sanitizer would
 // report. What is read is disguised before it is stored: the search comes across
 // its own frames as well.
-__attribute__((no_sanitize("address"))) void PieceCounter::Search(const Mapping& mapping) {
+__attribute__((no_sanitize("address"))) void PieceCounter::SearchRun(const Mapping& run) {
   const std::size_t count = pieces_.size();
   const std::uint64_t* const pieces = pieces_.data();
-  for (std::uintptr_t place = mapping.begin; place + sizeof(Word) <= mapping.end; ++place) {
+  for (std::uintptr_t place = run.begin; place + sizeof(Word) <= run.end; ++place) {
     const std::uint64_t word = reinterpret_cast<const Word*>(place)->value ^ kDisguiseWord;
     if (!isFirstByte_[word & 0xff]) continue;
     for (std::size_t index = 0; index < count; ++index) {
