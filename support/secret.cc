@@ -11,7 +11,8 @@ Secret::Secret(std::string_view text) : text_(text) {}
 Secret::~Secret() { Wipe(); }
 
 // A short text lies inside the object and is copied by a swap; the object that
-// it is swapped out of wipes it.
+// it is swapped out of wipes it. The one that it is swapped into is empty: a swap
+// of two short texts would leave a copy on the stack.
 Secret::Secret(Secret&& other) noexcept {
   text_.swap(other.text_);
   other.Wipe();
@@ -19,6 +20,7 @@ Secret::Secret(Secret&& other) noexcept {
 
 Secret& Secret::operator=(Secret&& other) noexcept {
   if (this == &other) return *this;
+  Wipe();
   text_.swap(other.text_);
   other.Wipe();
   return *this;
