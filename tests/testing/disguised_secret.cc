@@ -79,7 +79,7 @@ struct __attribute__((packed, may_alias)) Word {
 class PieceCounter {
  public:
   explicit PieceCounter(const std::vector<std::uint64_t>& pieces) : pieces_(pieces) {
-    for (const std::uint64_t piece : pieces_) isFirstByte_[piece & 0xff] = true;
+    for (const std::uint64_t piece : pieces_) isBegin_[piece & 0xffff] = true;
   }
 
   /// Searches the pages of `mapping` that were ever touched: the sanitizers set a
@@ -111,18 +111,19 @@ class PieceCounter {
 
   const std::vector<std::uint64_t>& pieces_;
   std::size_t counts_[kMostPieces] = {};
-  bool isFirstByte_[256] = {};
+  bool isBegin_[1 << 16] = {};  ///< by the first two bytes of a piece
 };
 
 // Memory that no object owns any more is read here, which the sanitizer would
 // report. What is read is disguised before it is stored: the search comes across
 // its own frames as well.
-__attribute__((no_sanitize("address"))) void PieceCounter::SearchRun(const Mapping& run) {
+__attribute__((no_sanitize("address", "undefined"))) void PieceCounter::SearchRun(
+    const Mapping& run) {
   const std::size_t count = pieces_.size();
   const std::uint64_t* const pieces = pieces_.data();
   for (std::uintptr_t place = run.begin; place + sizeof(Word) <= run.end; ++place) {
     const std::uint64_t word = reinterpret_cast<const Word*>(place)->value ^ kDisguiseWord;
-    if (!isFirstByte_[word & 0xff]) continue;
+    if (!isBegin_[word & 0xffff]) continue;
     for (std::size_t index = 0; index < count; ++index) {
       if (word == pieces[index]) ++counts_[index];
     }
