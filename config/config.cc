@@ -2,8 +2,6 @@
 
 #include <strings.h>
 
-#include <utility>
-
 namespace corvel::storage::tzconfig {
 bool StringCaseCmp::operator()(const std::string& a, const std::string& b) const {
   return strcasecmp(a.c_str(), b.c_str()) < 0;
@@ -39,20 +37,20 @@ OptionValue* TZConfig::OptionEntry(const std::string& section, const std::string
 }
 
 std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::string& option,
-                                      std::string value) {
+                                      const std::string& value) {
   std::int32_t result = kSuccess;
   OptionValue* const entry = OptionEntry(section, option, &result);
-  if (entry != nullptr) entry->value = std::move(value);
+  if (entry != nullptr) entry->value = value;
   return result;
 }
 
 std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::string& option,
-                                      std::string value, std::string comment) {
+                                      const std::string& value, const std::string& comment) {
   std::int32_t result = kSuccess;
   OptionValue* const entry = OptionEntry(section, option, &result);
   if (entry == nullptr) return result;
-  entry->value = std::move(value);
-  entry->comment = std::move(comment);
+  entry->value = value;
+  entry->comment = comment;
   return kSuccess;
 }
 

@@ -45,13 +45,14 @@ std::optional<std::string> HttpsAddress(const char* url) {
   return std::string(text.get());
 }
 
-/// The server is always verified: by its own file or the one of the key directory
-/// alone, else by the system's authorities.
-support::Verification ChooseTrust(const char* url, const std::string& keydir) {
-  std::string file = support::ServerCertificateFile(url);
-  const std::string authority = keydir + "/ca.pem";
-  if (file.empty() && !keydir.empty() && support::PathExists(authority)) file = authority;
-  return {file.empty() ? support::ServerTrust::kSystem : support::ServerTrust::kFileOnly, file};
+void ChooseTrust(const char* url, const std::string& keydir, support::TransferSettings* settings) {
+  settings->caFile = support::ServerCertificateFile(url);
+  if (settings->caFile.empty() && !keydir.empty()) {
+    const std::string authority = keydir + "/ca.pem";
+    if (support::PathExists(authority)) settings->caFile = authority;
+  }
+  settings->trust =
+      settings->caFile.empty() ? support::ServerTrust::kSystem : support::ServerTrust::kFileOnly;
 }
 
 /// Adds a header line to `*list`; false when memory is short.
@@ -103,7 +104,7 @@ WSHandle* WSInit(const char* url, const char* login, const char* password, const
   auto handle = std::make_unique<WSHandle>();
   handle->settings.url = *address;
   handle->settings.timeoutSeconds = kRequestTimeoutSeconds;
-  handle->settings.verification = ChooseTrust(url, keydir);
+  ChooseTrust(url, keydir, &handle->settings);
   handle->login = login;
   handle->password = support::Secret(password);
   return handle.release();

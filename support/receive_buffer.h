@@ -9,7 +9,7 @@ namespace corvel::storage::support {
 /// The most bytes of one answer that are kept. Far above any real answer; it
 /// stops a server from filling the host's memory before the deadline ends the
 /// transfer.
-inline constexpr std::uint64_t kMaxAnswerBytes = 256ull << 20;
+inline constexpr std::uint64_t kMaxAnswerBytes = 64ull << 20;
 
 /// An answer while it arrives: one growing heap block, owned.
 struct ReceiveBuffer {

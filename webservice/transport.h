@@ -8,7 +8,6 @@
 #include "support/channel.h"
 #include "support/clock.h"
 #include "support/receive_buffer.h"
-#include "support/server_trust.h"
 
 namespace corvel::storage::tzregister {
 
@@ -22,8 +21,8 @@ using WebServiceBuffer = support::ReceiveBuffer;
 struct HttpRequest {
   std::string url;
   const FormFields* form = nullptr;  ///< borrowed; null for a plain GET without a body
-  support::Verification verification;
-  int timeoutSeconds = 0;  ///< for connecting, and for the transfer as a whole
+  std::string caFile;                ///< PEM file to verify the server by; empty: unverified
+  int timeoutSeconds = 0;            ///< for connecting, and for the transfer as a whole
 };
 
 /// How a transfer ended.
@@ -64,9 +63,8 @@ class HttpTransport {
   virtual std::unique_ptr<HttpTransfer> Start(const HttpRequest& request,
                                               WebServiceBuffer* answer) = 0;
 
-  /// libcurl. Connections and looked-up names are kept from request to request
-  /// until it goes. Requests that were abandoned may outlive it.
-  static std::unique_ptr<HttpTransport> Curl();
+  /// libcurl. It has no state and lives as long as the process.
+  static HttpTransport& System();
 };
 
 /// The storage product's request channel; each operation is that of
@@ -88,7 +86,7 @@ class RequestChannel {
 /// outlive whoever holds a copy.
 struct Network {
   support::Clock* clock = &support::Clock::System();
-  HttpTransport* http = nullptr;
+  HttpTransport* http = &HttpTransport::System();
   RequestChannel* channel = &RequestChannel::System();
 };
 

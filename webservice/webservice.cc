@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <sstream>
 
 #include "support/bounded_text.h"
 #include "support/diagnostic.h"
@@ -71,7 +72,9 @@ int WebService::field(const char* name, const char* value) {
 }
 
 int WebService::field(const char* name, std::int64_t value) {
-  return field(name, std::to_string(value).c_str());
+  std::ostringstream text;
+  text << value;
+  return field(name, text.str().c_str());
 }
 
 int WebService::get(long* httpCode) {
@@ -92,7 +95,7 @@ const char* WebService::SendByHttp(long* httpCode) {
   HttpRequest request;
   request.url = url;
   request.form = hasFields ? &fields : nullptr;
-  request.verification = support::VerificationOf(url);
+  if (supportTWLXSSLVerify() != 0) request.caFile = support::ServerCertificateFile(url);
   request.timeoutSeconds = timeout;
   const std::unique_ptr<HttpTransfer> transfer = network_.http->Start(request, &buffer);
   if (transfer == nullptr) return "Can't initialize webservice network layer";

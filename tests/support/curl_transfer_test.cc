@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <string>
 #include <vector>
 
-#include "support/transfer_socket.h"
 #include "tests/testing/curl_double.h"
 
 namespace corvel::storage::support {
@@ -28,7 +26,8 @@ TransferSettings Settings(ServerTrust trust) {
   TransferSettings settings;
   settings.url = "https://spa/ws_agent.php";
   settings.answer = &answer;
-  settings.verification = {trust, "/certs/spa.pem"};
+  settings.trust = trust;
+  settings.caFile = "/certs/spa.pem";
   settings.timeoutSeconds = 120;
   settings.errorText = errorText;
   return settings;
@@ -132,32 +131,6 @@ TEST_F(CurlTransferTest, NothingIsSentWhenMemoryIsShort) {
   for (const std::string& line : options) {
     curl.refusedOption = OptionName(line);
     EXPECT_FALSE(ConfigureTransfer(handle.get(), Settings(ServerTrust::kFileOnly))) << line;
-  }
-}
-
-TEST_F(CurlTransferTest, APolledTransferReadsAndSendsMuchAtATimeAndTakesCompressedAnswers) {
-  const CurlSharePtr share(curl_share_init());
-  std::chrono::milliseconds wait = kConnectWait;
-  EXPECT_TRUE(ConfigurePolling(handle.get(), {share.get(), &wait}));
-  EXPECT_THAT(curl.options, ElementsAre("BUFFERSIZE=10485760", "UPLOAD_BUFFERSIZE=2097152",
-                                        "ACCEPT_ENCODING=", "OPENSOCKETFUNCTION=(set)",
-                                        "OPENSOCKETDATA=(set)", "SHARE=(set)"));
-  EXPECT_EQ(curl.pointers["OPENSOCKETFUNCTION"], reinterpret_cast<void*>(OpenTransferSocket));
-  EXPECT_EQ(curl.pointers["OPENSOCKETDATA"], &wait);
-  EXPECT_EQ(curl.pointers["SHARE"], share.get());
-  // The share may go once the transfer that uses it has gone.
-  handle.reset();
-}
-
-TEST_F(CurlTransferTest, APolledTransferIsSlowerWithoutAnOptionThatIsRefused) {
-  std::chrono::milliseconds wait = kConnectWait;
-  ASSERT_TRUE(ConfigurePolling(handle.get(), {nullptr, &wait}));
-  for (const std::string& line : Lines(curl.options)) {
-    curl.refusedOption = OptionName(line);
-    curl.refusal = CURLE_UNKNOWN_OPTION;
-    EXPECT_TRUE(ConfigurePolling(handle.get(), {nullptr, &wait})) << line;
-    curl.refusal = CURLE_OUT_OF_MEMORY;
-    EXPECT_FALSE(ConfigurePolling(handle.get(), {nullptr, &wait})) << line;
   }
 }
 

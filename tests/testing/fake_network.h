@@ -45,7 +45,7 @@ struct SentRequest {
   std::string url;
   bool hasForm = false;
   std::vector<std::pair<std::string, std::string>> form;  ///< in the order of sending
-  support::Verification verification;
+  std::string caFile;
   int timeoutSeconds = 0;
 };
 

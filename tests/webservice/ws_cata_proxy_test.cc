@@ -35,7 +35,7 @@ const Thrown kBadFile{16, 7, "WSCataProxy", "Required parameter passwdfile not v
 
 /// A proxy over `arguments`, and a request that it is to set up.
 struct Preparation {
-  explicit Preparation(const std::vector<std::string>& arguments) : proxy(Options(arguments), Network()) {}
+  explicit Preparation(const std::vector<std::string>& arguments) : proxy(Options(arguments)) {}
 
   Outcome Prepare() {
     return OutcomeOf([&] { proxy.PPrepareWebService(&ws, "ws_page.php"); });
@@ -46,7 +46,7 @@ struct Preparation {
   }
 
   WSCataProxy proxy;
-  WebService ws{Network()};
+  WebService ws;
 };
 
 TEST(PPrepareWebService, TakesAddressAndCredentialsFromTheOptions) {
@@ -86,7 +86,7 @@ TEST(PPrepareWebService, AppendsThePageUnlessTheAddressIsTheChannels) {
 }
 
 TEST(PPrepareWebService, RefusesAMissingRequestBeforeItReadsAnything) {
-  const WSCataProxy proxy(Options({"--passwdfile", "/nonexistent/passwd"}), Network());
+  const WSCataProxy proxy(Options({"--passwdfile", "/nonexistent/passwd"}));
   ExpectFailure(OutcomeOf([&] { proxy.PPrepareWebService(nullptr, "ws_page.php"); }),
                 {16, 7, "WSCataProxy", "missing ws"});
 }
@@ -241,10 +241,10 @@ TEST(StoredCredentials, CountAsNoneWithoutAUrl) {
 }
 
 TEST(StoredCredentials, ServeEveryCall) {
-  WSCataProxy proxy(Options({}), Network());
+  WSCataProxy proxy(Options({}));
   proxy.StoreCredentials("http://stored", "l", support::Secret("stored-pw"), "k");
   for (int call = 0; call < 2; ++call) {
-    WebService ws{Network()};
+    WebService ws;
     proxy.PPrepareWebService(&ws, "p");
     EXPECT_EQ(ws.fields["passwd"], "stored-pw");
   }
@@ -261,7 +261,7 @@ TEST(StoredCredentials, LeaveNoPasswordBehindWhenOthersComeOrTheProxyGoes) {
   for (const std::size_t length : {12U, 60U}) {
     const DisguisedSecret first(length);
     const DisguisedSecret second(length);
-    auto proxy = std::make_unique<WSCataProxy>(Options({}), Network());
+    auto proxy = std::make_unique<WSCataProxy>(Options({}));
     StorePassword(first, proxy.get());
     EXPECT_EQ(first.Copies(), 1U);
     StorePassword(second, proxy.get());

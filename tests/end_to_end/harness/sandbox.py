@@ -45,7 +45,6 @@ _NOT_ALLOWED = (
 
 _HOSTS = "127.0.0.1 localhost\n"
 _NAME_SERVICE = "passwd: files\ngroup: files\nhosts: files\n"
-_ALL_ADDRESSES_OF_A_NAME = "multi on\n"
 
 
 @dataclass(frozen=True)
@@ -103,15 +102,13 @@ class Host:
 
     `work` is seen by the tool under the same path and is its current
     directory; `etc_quorvex` is its "/etc/quorvex". `program` is the path under
-    which the tool sees itself. Whatever is `shown` keeps its path, too, and may
-    be written to.
+    which the tool sees itself.
     """
 
     def __init__(self, directory: Path, program: str = DEFAULT_PROGRAM) -> None:
         self.program = program
         self.environment: dict[str, str] = {}
         self.small_disks: dict[str, int] = {}
-        self.shown: list[Path] = []
         self.work = directory / "work"
         self.etc_quorvex = directory / "etc-quorvex"
         self._files = directory / "machine"
@@ -124,7 +121,6 @@ class Host:
             made.mkdir(parents=True)
         (self._files / "hosts").write_text(_HOSTS)
         (self._files / "nsswitch.conf").write_text(_NAME_SERVICE)
-        (self._files / "host.conf").write_text(_ALL_ADDRESSES_OF_A_NAME)
 
     def install_registry(self, text: bytes) -> None:
         """Gives the machine a "/etc/qxregistry.cfg" with this text."""
@@ -156,11 +152,6 @@ class Host:
     def install_ssl_directory(self, directory: Path) -> None:
         """Replaces the machine's "/etc/ssl" (trusted authorities, OpenSSL's settings)."""
         self._ssl = directory
-
-    def name_address(self, name: str, address: str) -> None:
-        """Lets the machine know another host by name."""
-        with open(self._files / "hosts", "a", encoding="ascii") as hosts:
-            hosts.write(f"{address} {name}\n")
 
     def set_name(self, name: str) -> None:
         """Gives the machine a host name of its own."""
@@ -209,7 +200,7 @@ class Host:
         options += [*_system_directories(), "--proc", "/proc", "--dev", "/dev", "--dir", "/tmp"]
         options += self._etc()
         options += ["--ro-bind", str(binary()), self.program]
-        for path in (self.work, *self.shown, *_writable_outside()):
+        for path in (self.work, *_writable_outside()):
             options += ["--bind", str(path), str(path)]
         for mount_point, size in self.small_disks.items():
             options += ["--size", str(size), "--tmpfs", mount_point]
@@ -223,7 +214,7 @@ class Host:
         options: list[str] = []
         for name in _SHARED_ETC:
             options += ["--ro-bind-try", f"/etc/{name}", f"/etc/{name}"]
-        for name in ("hosts", "nsswitch.conf", "host.conf"):
+        for name in ("hosts", "nsswitch.conf"):
             options += ["--ro-bind", str(self._files / name), f"/etc/{name}"]
         options += ["--ro-bind", str(self._ssl), "/etc/ssl"]
         options += ["--bind", str(self.etc_quorvex), "/etc/quorvex"]
