@@ -178,13 +178,21 @@ def test_a_compressed_answer_is_unpacked(host: Host, encoding: str, body: bytes)
 BROKEN = {
     "no gzip at all": ("gzip", empty_answer()),
     "an encoding that nobody asked for": ("compress", empty_answer()),
-    "longer than is accepted": ("gzip", gzip.compress(b"\0" * (LONGEST_ANSWER + 1), 1)),
 }
 
 
 @pytest.mark.parametrize("encoding, body", BROKEN.values(), ids=BROKEN.keys())
 def test_an_answer_that_cannot_be_unpacked_is_a_network_error(host: Host, encoding: str, body: bytes) -> None:
     with RawServer([http_answer(body, headers=[f"Content-Encoding: {encoding}"])]) as server:
+        run = discover(host, server.url)
+    assert run.result == Result(EXIT_FAILURE, b"", call_failed("discover", NETWORK_ERROR))
+
+
+# A sanitizer's realloc copies the answer at each of its parts, which takes minutes.
+@pytest.mark.uninstrumented
+def test_an_answer_is_as_long_as_it_is_unpacked(host: Host) -> None:
+    packed = gzip.compress(b"\0" * (LONGEST_ANSWER + 1), 1)
+    with RawServer([http_answer(packed, headers=["Content-Encoding: gzip"])]) as server:
         run = discover(host, server.url)
     assert run.result == Result(EXIT_FAILURE, b"", call_failed("discover", NETWORK_ERROR))
 

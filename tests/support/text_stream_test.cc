@@ -6,6 +6,9 @@
 #include <new>
 #include <string>
 
+// Lets a sanitizer refuse memory as the system does, instead of ending the program.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+
 namespace corvel::storage::support {
 namespace {
 
