@@ -130,7 +130,13 @@ TZConfigFile::TZConfigFile(std::string inputName, std::string outputName)
 std::int32_t TZConfigFile::LoadConfig(TZConfig* config) const {
   if (inputName_.empty()) return kBadArgument;
   std::ifstream stream(inputName_);
-  return LoadConfig(&stream, config);
+  // A shortage of memory would pass for a file that cannot be read.
+  stream.exceptions(std::ios::badbit);
+  try {
+    return LoadConfig(&stream, config);
+  } catch (const std::ios_base::failure&) {
+    return kStreamFailure;
+  }
 }
 
 std::int32_t TZConfigFile::LoadConfig(std::istream* stream, TZConfig* config) const {

@@ -44,9 +44,8 @@ const std::string& Require(const support::ParsedOptions& options, const char* na
 /// Writes the whole file. A disk that cannot take it must not pass for success:
 /// the host would run with half a configuration.
 void WriteConfigFile(std::string_view text, const std::string& path) {
-  support::FilePtr file = support::OpenForWriting(path, support::FilePrivacy::kSecret);
-  const bool written = file != nullptr && support::WriteText(text, file.get());
-  if (!written || !support::CloseFile(std::move(file))) {
+  support::OutputFile file(path, support::FilePrivacy::kSecret);
+  if (!file.isOpen() || !file.Empty() || !file.Write(text) || !file.Close()) {
     failures::kConfigFileNotWritten.Throw(path);
   }
 }

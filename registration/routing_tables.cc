@@ -9,28 +9,36 @@
 namespace corvel::storage::tzregister {
 namespace {
 
-void RequireOpen(const support::FilePtr& file, const std::string& path) {
-  if (file == nullptr) failures::kTableNotWritten.Throw(path);
+using support::FilePrivacy;
+using support::OutputFile;
+
+void RequireOpen(const OutputFile& file, const std::string& path) {
+  if (!file.isOpen()) failures::kTableNotWritten.Throw(path);
 }
 
 /// Writes one table and closes its file. The table was delivered once the file
 /// could be opened; what the disk makes of it is not examined.
-void WriteTable(std::string_view table, support::FilePtr file) {
-  support::WriteText(table, file.get());
-  support::CloseFile(std::move(file));
+void WriteTable(std::string_view table, OutputFile* file) {
+  file->Write(table);
+  file->Close();
 }
 
 /// Opens both files before it judges either, so that both are emptied or
-/// created whenever they can be.
+/// created whenever they can be; but one file cannot hold both tables.
 void WriteTables(std::string_view recommended, const std::string& recommendedFile,
                  std::string_view current, const std::string& currentFile) {
-  using support::FilePrivacy;
-  support::FilePtr first = support::OpenForWriting(recommendedFile, FilePrivacy::kPublic);
-  support::FilePtr second = support::OpenForWriting(currentFile, FilePrivacy::kPublic);
+  OutputFile first(recommendedFile, FilePrivacy::kPublic);
+  OutputFile second(currentFile, FilePrivacy::kPublic);
+  if (first.isOpen() && second.isOpen() && first.IsSameAs(second)) {
+    failures::kTableNotWritten.Throw(currentFile);
+  }
+  for (OutputFile* file : {&first, &second}) {
+    if (file->isOpen()) file->Empty();
+  }
   RequireOpen(first, recommendedFile);
   RequireOpen(second, currentFile);
-  WriteTable(recommended, std::move(first));
-  WriteTable(current, std::move(second));
+  WriteTable(recommended, &first);
+  WriteTable(current, &second);
 }
 
 /// Unlike a file, standard output is looked at when it has taken the tables:

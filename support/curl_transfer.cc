@@ -47,17 +47,17 @@ void SetForm(const Form& form, OptionSetter* setter) {
   CURL_IGNORE_DEPRECATION(setter->Set(CURLOPT_HTTPPOST, form.parts());)
 }
 
-void SetTrust(const TransferSettings& settings, OptionSetter* setter) {
-  if (settings.trust == ServerTrust::kUnverified) {
+void SetTrust(const Verification& verification, OptionSetter* setter) {
+  if (verification.trust == ServerTrust::kUnverified) {
     setter->Set(CURLOPT_SSL_VERIFYPEER, kVerifyNobody).Set(CURLOPT_SSL_VERIFYHOST, kVerifyNobody);
     return;
   }
-  if (settings.trust != ServerTrust::kSystem) {
-    setter->Require(CURLOPT_CAINFO, settings.caFile.c_str());
+  if (verification.trust != ServerTrust::kSystem) {
+    setter->Require(CURLOPT_CAINFO, verification.caFile.c_str());
   }
   // The directory of system authorities stays in force beside a CA file unless
   // it is taken away.
-  if (settings.trust == ServerTrust::kFileOnly) {
+  if (verification.trust == ServerTrust::kFileOnly) {
     setter->Require(CURLOPT_CAPATH, static_cast<char*>(nullptr));
   }
   setter->Require(CURLOPT_SSL_VERIFYPEER, kVerifyChain)
@@ -81,11 +81,17 @@ bool ConfigureTransfer(CURL* handle, const TransferSettings& settings) {
   setter.Set(CURLOPT_URL, settings.url.c_str());
   if (settings.form != nullptr) SetForm(*settings.form, &setter);
   setter.Set(CURLOPT_WRITEFUNCTION, data_callback).Set(CURLOPT_WRITEDATA, settings.answer);
-  SetTrust(settings, &setter);
+  SetTrust(settings.verification, &setter);
+  if (settings.timeoutSeconds > 0) {
+    settings.answer->deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(settings.timeoutSeconds);
+  }
   return setter.Set(CURLOPT_NOSIGNAL, 1L)
       .Set(CURLOPT_TIMEOUT, settings.timeoutSeconds)
       .Set(CURLOPT_CONNECTTIMEOUT, settings.timeoutSeconds)
       .Set(CURLOPT_ERRORBUFFER, settings.errorText)
+      .Require(CURLOPT_HEADERFUNCTION, header_callback)
+      .Require(CURLOPT_HEADERDATA, settings.answer)
       .usable();
 }
 

@@ -7,17 +7,9 @@
 #include "support/curl_handle.h"
 #include "support/receive_buffer.h"
 #include "support/secret.h"
+#include "support/server_trust.h"
 
 namespace corvel::storage::support {
-
-/// What an HTTPS server's certificate is checked against. Where it is checked
-/// at all, the chain and the host name both count.
-enum class ServerTrust {
-  kUnverified,  ///< nothing: the server may be anybody
-  kFile,        ///< `caFile`, beside the authorities that libcurl trusts by itself
-  kFileOnly,    ///< `caFile` alone
-  kSystem,      ///< the authorities that libcurl trusts by itself
-};
 
 /// A multipart form in the making, owned with all its texts.
 class Form {
@@ -45,8 +37,7 @@ struct TransferSettings {
   std::string url;
   const Form* form = nullptr;       ///< null for a request without a form
   ReceiveBuffer* answer = nullptr;  ///< receives the body of the answer
-  ServerTrust trust = ServerTrust::kUnverified;
-  std::string caFile;         ///< PEM file, for kFile and kFileOnly
+  Verification verification;
   long timeoutSeconds = 0;    ///< for connecting, and for the transfer as a whole
   char* errorText = nullptr;  ///< CURL_ERROR_SIZE bytes for libcurl's account of a failure
 };

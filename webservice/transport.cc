@@ -38,9 +38,7 @@ support::TransferSettings SettingsFor(const HttpRequest& request, WebServiceBuff
   settings.url = request.url;
   if (request.form != nullptr) settings.form = &handles->form;
   settings.answer = answer;
-  settings.trust =
-      request.caFile.empty() ? support::ServerTrust::kUnverified : support::ServerTrust::kFile;
-  settings.caFile = request.caFile;
+  settings.verification = request.verification;
   settings.timeoutSeconds = request.timeoutSeconds;
   settings.errorText = handles->errorText;
   return settings;

@@ -8,6 +8,7 @@
 #include "support/channel.h"
 #include "support/clock.h"
 #include "support/receive_buffer.h"
+#include "support/server_trust.h"
 
 namespace corvel::storage::tzregister {
 
@@ -21,8 +22,8 @@ using WebServiceBuffer = support::ReceiveBuffer;
 struct HttpRequest {
   std::string url;
   const FormFields* form = nullptr;  ///< borrowed; null for a plain GET without a body
-  std::string caFile;                ///< PEM file to verify the server by; empty: unverified
-  int timeoutSeconds = 0;            ///< for connecting, and for the transfer as a whole
+  support::Verification verification;
+  int timeoutSeconds = 0;  ///< for connecting, and for the transfer as a whole
 };
 
 /// How a transfer ended.

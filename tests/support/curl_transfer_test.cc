@@ -28,8 +28,7 @@ TransferSettings Settings(ServerTrust trust) {
   TransferSettings settings;
   settings.url = "https://spa/ws_agent.php";
   settings.answer = &answer;
-  settings.trust = trust;
-  settings.caFile = "/certs/spa.pem";
+  settings.verification = {trust, "/certs/spa.pem"};
   settings.timeoutSeconds = 120;
   settings.errorText = errorText;
   return settings;
@@ -52,8 +51,8 @@ class CurlTransferTest : public ::testing::Test {
 Lines WithTrust(const Lines& trust) {
   Lines options = {"URL=https://spa/ws_agent.php", "WRITEFUNCTION=(set)", "WRITEDATA=(set)"};
   options.insert(options.end(), trust.begin(), trust.end());
-  options.insert(options.end(),
-                 {"NOSIGNAL=1", "TIMEOUT=120", "CONNECTTIMEOUT=120", "ERRORBUFFER=(set)"});
+  options.insert(options.end(), {"NOSIGNAL=1", "TIMEOUT=120", "CONNECTTIMEOUT=120",
+                                 "ERRORBUFFER=(set)", "HEADERFUNCTION=(set)", "HEADERDATA=(set)"});
   return options;
 }
 
@@ -84,6 +83,16 @@ TEST_F(CurlTransferTest, TheAnswerGoesToTheGivenBuffer) {
   EXPECT_EQ(curl.pointers["WRITEFUNCTION"], reinterpret_cast<void*>(data_callback));
   EXPECT_EQ(curl.pointers["WRITEDATA"], &answer);
   EXPECT_EQ(curl.pointers["ERRORBUFFER"], errorText);
+  EXPECT_EQ(curl.pointers["HEADERFUNCTION"], reinterpret_cast<void*>(header_callback));
+  EXPECT_EQ(curl.pointers["HEADERDATA"], &answer);
+}
+
+TEST_F(CurlTransferTest, TheAnswerHasUntilTheTimeOut) {
+  TransferSettings settings = Settings(ServerTrust::kUnverified);
+  const auto before = std::chrono::steady_clock::now();
+  Configured(settings);
+  EXPECT_GE(answer.deadline, before + std::chrono::seconds(120));
+  EXPECT_LE(answer.deadline, std::chrono::steady_clock::now() + std::chrono::seconds(120));
 }
 
 TEST_F(CurlTransferTest, AFormIsAttachedBehindTheUrl) {
@@ -106,11 +115,12 @@ TEST_F(CurlTransferTest, TimeOutsAreThoseOfTheSettings) {
 
 std::string OptionName(const std::string& line) { return line.substr(0, line.find('=')); }
 
-TEST_F(CurlTransferTest, NothingIsSentWithoutWhatVerificationRestsOn) {
-  const Lines trust = {"CAINFO", "CAPATH", "SSL_VERIFYPEER", "SSL_VERIFYHOST"};
+TEST_F(CurlTransferTest, NothingIsSentWithoutWhatVerificationAndLimitsRestOn) {
+  const Lines needed = {"CAINFO",         "CAPATH",         "SSL_VERIFYPEER",
+                        "SSL_VERIFYHOST", "HEADERFUNCTION", "HEADERDATA"};
   for (const std::string& line : Configured(Settings(ServerTrust::kFileOnly))) {
     curl.refusedOption = OptionName(line);
-    const bool required = std::count(trust.begin(), trust.end(), curl.refusedOption) > 0;
+    const bool required = std::count(needed.begin(), needed.end(), curl.refusedOption) > 0;
     EXPECT_EQ(ConfigureTransfer(handle.get(), Settings(ServerTrust::kFileOnly)), !required) << line;
   }
 }

@@ -127,7 +127,7 @@ TEST_F(CurlTransport, PostsAFormAndVerifiesTheServerByACertificateFile) {
   const FormFields fields = {{"action", "register"}, {"empty", ""}, {"hostName", "h"}};
   HttpRequest request = RequestFor("https://h/p");
   request.form = &fields;
-  request.caFile = "/certs/h.pem";
+  request.verification = {support::ServerTrust::kFile, "/certs/h.pem"};
   request.timeoutSeconds = 30;
   EXPECT_EQ(OptionsFor(request),
             "URL=https://h/p HTTPPOST=(set) CAINFO=/certs/h.pem CAPATH=(unset) SSL_VERIFYPEER=1 "
@@ -180,7 +180,7 @@ TEST_F(CurlTransport, StartsNothingWhenTheNetworkLayerCannotBeInitialised) {
 TEST_F(CurlTransport, SendsNothingThatCannotBeSetUpAsItWasAsked) {
   const TempDirectory directory;
   HttpRequest request = RequestFor("file://" + directory.Write("answer", "text"));
-  request.caFile = "/certs/h.pem";
+  request.verification = {support::ServerTrust::kFile, "/certs/h.pem"};
   CurlDouble curl;
   for (const char* option : {"CAINFO", "SSL_VERIFYPEER", "SSL_VERIFYHOST"}) {
     SCOPED_TRACE(option);

@@ -335,33 +335,44 @@ TEST(WebServiceWait, KeepsItsDeadlineWithoutEverSleeping) {
 
 // Which certificate the server is verified by.
 
-/// The certificate file of a request to `url`, without the directory.
-std::string CaFileFor(const std::string& url, const char* verify) {
+/// How a request to `url` verifies its server, in words; the certificate file
+/// stands without its directory.
+std::string VerificationFor(const std::string& url, const char* verify) {
   const TempDirectory plugins;
   plugins.Write("known.pem", "");
   const ScopedEnvironment directory("QUORVEX_PLUGIN_PATH", plugins.path().c_str());
   Request request;
-  const ScopedEnvironment verification("QUORVEX_SSL_VERIFY", verify);
+  const ScopedEnvironment variable("QUORVEX_SSL_VERIFY", verify);
   request.ws.url = url;
   request.fake.http.Answer("text");
   ExpectSuccess(request.Get());
-  const std::string file = request.fake.http.requests.at(0).caFile;
+  const support::Verification& verification = request.fake.http.requests.at(0).verification;
+  static const char* const kWords[] = {"unverified", "file", "file only", "system"};
   const std::string prefix = plugins.path() + "/";
-  return file.rfind(prefix, 0) == 0 ? file.substr(prefix.size()) : file;
+  const std::string& file = verification.caFile;
+  return std::string(kWords[static_cast<int>(verification.trust)]) + " " +
+         (file.rfind(prefix, 0) == 0 ? file.substr(prefix.size()) : file);
 }
 
 TEST(WebServiceGet, VerifiesTheServerByItsFileInThePluginDirectory) {
-  EXPECT_EQ(CaFileFor("https://known:8443/p", nullptr), "known.pem");
-  EXPECT_EQ(CaFileFor("http://known/p", "1"), "known.pem");
+  EXPECT_EQ(VerificationFor("https://known:8443/p", nullptr), "file known.pem");
+  EXPECT_EQ(VerificationFor("https://KNOWN./p", "1"), "file known.pem");
+  EXPECT_EQ(VerificationFor("http://known/p", "1"), "file known.pem");
 }
 
 TEST(WebServiceGet, DoesNotVerifyAServerWithoutAFile) {
-  EXPECT_EQ(CaFileFor("https://other/p", nullptr), "");
-  EXPECT_EQ(CaFileFor("https://", nullptr), "");
+  EXPECT_EQ(VerificationFor("https://other/p", nullptr), "unverified ");
+  EXPECT_EQ(VerificationFor("https://", nullptr), "unverified ");
 }
 
 TEST(WebServiceGet, DoesNotVerifyWhenVerificationIsOff) {
-  EXPECT_EQ(CaFileFor("https://known/p", "0"), "");
+  EXPECT_EQ(VerificationFor("https://known/p", "0"), "unverified ");
+}
+
+TEST(WebServiceGet, VerifiesEveryServerWhenThatIsRequired) {
+  EXPECT_EQ(VerificationFor("https://known/p", "required"), "file only known.pem");
+  EXPECT_EQ(VerificationFor("https://other/p", "required"), "system ");
+  EXPECT_EQ(VerificationFor("https://other/p", "Required"), "unverified ");
 }
 
 // The channel.

@@ -103,13 +103,15 @@ class Host:
 
     `work` is seen by the tool under the same path and is its current
     directory; `etc_quorvex` is its "/etc/quorvex". `program` is the path under
-    which the tool sees itself.
+    which the tool sees itself. Whatever is `shown` keeps its path, too, and may
+    be written to.
     """
 
     def __init__(self, directory: Path, program: str = DEFAULT_PROGRAM) -> None:
         self.program = program
         self.environment: dict[str, str] = {}
         self.small_disks: dict[str, int] = {}
+        self.shown: list[Path] = []
         self.work = directory / "work"
         self.etc_quorvex = directory / "etc-quorvex"
         self._files = directory / "machine"
@@ -207,7 +209,7 @@ class Host:
         options += [*_system_directories(), "--proc", "/proc", "--dev", "/dev", "--dir", "/tmp"]
         options += self._etc()
         options += ["--ro-bind", str(binary()), self.program]
-        for path in (self.work, *_writable_outside()):
+        for path in (self.work, *self.shown, *_writable_outside()):
             options += ["--bind", str(path), str(path)]
         for mount_point, size in self.small_disks.items():
             options += ["--size", str(size), "--tmpfs", mount_point]
