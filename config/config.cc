@@ -3,6 +3,7 @@
 #include <strings.h>
 
 namespace corvel::storage::tzconfig {
+
 bool StringCaseCmp::operator()(const std::string& a, const std::string& b) const {
   return strcasecmp(a.c_str(), b.c_str()) < 0;
 }
