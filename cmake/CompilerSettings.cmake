@@ -42,3 +42,9 @@ if(TZREGISTER_COVERAGE)
   add_compile_options(--coverage)
   add_link_options(--coverage)
 endif()
+
+if(TZREGISTER_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()

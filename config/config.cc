@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include <utility>
+
 namespace corvel::storage::tzconfig {
 
 bool StringCaseCmp::operator()(const std::string& a, const std::string& b) const {
@@ -38,20 +40,20 @@ OptionValue* TZConfig::OptionEntry(const std::string& section, const std::string
 }
 
 std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::string& option,
-                                      const std::string& value) {
+                                      std::string value) {
   std::int32_t result = kSuccess;
   OptionValue* const entry = OptionEntry(section, option, &result);
-  if (entry != nullptr) entry->value = value;
+  if (entry != nullptr) entry->value = std::move(value);
   return result;
 }
 
 std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::string& option,
-                                      const std::string& value, const std::string& comment) {
+                                      std::string value, std::string comment) {
   std::int32_t result = kSuccess;
   OptionValue* const entry = OptionEntry(section, option, &result);
   if (entry == nullptr) return result;
-  entry->value = value;
-  entry->comment = comment;
+  entry->value = std::move(value);
+  entry->comment = std::move(comment);
   return kSuccess;
 }
 

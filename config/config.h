@@ -54,11 +54,11 @@ class TZConfig {
   /// when missing. kSuccess, kBadArgument for an empty name (nothing is created
   /// then) or kSectionUnavailable.
   std::int32_t SetOptionValue(const std::string& section, const std::string& option,
-                              const std::string& value);
+                              std::string value);
 
   /// As above, but sets the comment as well.
   std::int32_t SetOptionValue(const std::string& section, const std::string& option,
-                              const std::string& value, const std::string& comment);
+                              std::string value, std::string comment);
 
   /// Copies an option's value and comment out. kSuccess, kBadArgument for an
   /// empty name or a null output, kSectionUnavailable or kOptionMissing; the

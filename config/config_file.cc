@@ -71,9 +71,10 @@ class LineReader {
     if (equals == std::string_view::npos) return kInvalidLine;
     if (equals == 0) return Invalid("Found an invalid key: ", line);
     const std::string key(Trimmed(line.substr(0, equals)));
-    const std::string value(Trimmed(line.substr(equals + 1)));
-    if (pendingComment_.empty()) return config_->SetOptionValue(section_, key, value);
-    return config_->SetOptionValue(section_, key, value, std::exchange(pendingComment_, {}));
+    std::string value(Trimmed(line.substr(equals + 1)));
+    if (pendingComment_.empty()) return config_->SetOptionValue(section_, key, std::move(value));
+    return config_->SetOptionValue(section_, key, std::move(value),
+                                   std::exchange(pendingComment_, {}));
   }
 
   /// Shows the line and returns the code for it.
@@ -129,7 +130,13 @@ TZConfigFile::TZConfigFile(std::string inputName, std::string outputName)
 std::int32_t TZConfigFile::LoadConfig(TZConfig* config) const {
   if (inputName_.empty()) return kBadArgument;
   std::ifstream stream(inputName_);
-  return LoadConfig(&stream, config);
+  // A shortage of memory would pass for a file that cannot be read.
+  stream.exceptions(std::ios::badbit);
+  try {
+    return LoadConfig(&stream, config);
+  } catch (const std::ios_base::failure&) {
+    return kStreamFailure;
+  }
 }
 
 std::int32_t TZConfigFile::LoadConfig(std::istream* stream, TZConfig* config) const {

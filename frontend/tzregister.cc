@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <string>
 
 #include "frontend/actions.h"
@@ -96,6 +97,11 @@ int RealMain(int argc, char** argv, const Platform& platform) {
   return RunAndReport(parsed["action"].as<std::string>(), parsed, platform);
 }
 
-int RealMain(int argc, char** argv) { return RealMain(argc, argv, Platform()); }
+int RealMain(int argc, char** argv) {
+  const std::unique_ptr<HttpTransport> http = HttpTransport::Curl();
+  Platform platform;
+  platform.network.http = http.get();
+  return RealMain(argc, argv, platform);
+}
 
 }  // namespace corvel::storage::tzregister

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <string_view>
 
 #include "registration/certificate.h"
 #include "registration/failures.h"
@@ -12,20 +13,30 @@
 namespace corvel::storage::tzregister {
 namespace {
 
-bool WriteKey(BIO* target, EVP_PKEY* key) {
-  return PEM_write_bio_PrivateKey(target, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
+using support::BioPtr;
+using support::FilePrivacy;
+using support::OutputFile;
+
+/// Key and certificate in PEM form. The library wipes the memory when it goes.
+struct PemPair {
+  BioPtr key{BIO_new(BIO_s_mem())};
+  BioPtr certificate{BIO_new(BIO_s_mem())};
+};
+
+PemPair Compose(const OpenSSLCertificate& pair) {
+  PemPair text;
+  const bool composed = text.key != nullptr && text.certificate != nullptr &&
+                        PEM_write_bio_PrivateKey(text.key.get(), pair.key(), nullptr, nullptr, 0,
+                                                 nullptr, nullptr) == 1 &&
+                        PEM_write_bio_X509(text.certificate.get(), pair.certificate()) == 1;
+  if (!composed) failures::kNoCertificate.Throw();
+  return text;
 }
 
-bool WriteCertificate(BIO* target, X509* certificate) {
-  return PEM_write_bio_X509(target, certificate) == 1;
-}
-
-/// Writes what `memory` holds to `file` in one piece; false on a short write.
-bool WriteContents(BIO* memory, std::FILE* file) {
+std::string_view ContentOf(const BioPtr& memory) {
   char* bytes = nullptr;
-  const long length = BIO_get_mem_data(memory, &bytes);
-  const auto size = static_cast<std::size_t>(length);
-  return length > 0 && std::fwrite(bytes, 1, size, file) == size;
+  const long length = BIO_get_mem_data(memory.get(), &bytes);
+  return {bytes, static_cast<std::size_t>(length)};
 }
 
 void PrintPair(const OpenSSLCertificate& pair) {
@@ -34,30 +45,28 @@ void PrintPair(const OpenSSLCertificate& pair) {
   PEM_write_X509(stdout, pair.certificate());
 }
 
-support::FilePtr OpenOrThrow(const std::string& path, support::FilePrivacy privacy) {
-  support::FilePtr file = support::OpenForWriting(path, privacy);
-  if (file == nullptr) failures::kNoCertificate.Throw();
-  return file;
+/// Writes both files as far as each can be, and throws when anything failed.
+void WriteFiles(const PemPair& text, OutputFile* certificate, OutputFile* key) {
+  int failures = 0;
+  if (!key->Empty() || !key->Write(ContentOf(text.key))) ++failures;
+  if (!certificate->Empty() || !certificate->Write(ContentOf(text.certificate))) ++failures;
+  if (!certificate->Close()) ++failures;
+  if (!key->Close()) ++failures;
+  if (failures > 0) failures::kNoCertificate.Throw();
 }
 
-/// Writes both files as far as each can be, and throws when anything failed.
-/// The library wipes the memory that the key passes through.
-void WritePair(const OpenSSLCertificate& pair, support::FilePtr certFile,
-               support::FilePtr keyFile) {
-  const support::BioPtr memory(BIO_new(BIO_s_mem()));
-  if (memory == nullptr) failures::kNoCertificate.Throw();
-  int failures = 0;
-  if (!WriteKey(memory.get(), pair.key()) || !WriteContents(memory.get(), keyFile.get())) {
-    ++failures;
+/// Opens the certificate's file, then the key's. A key that has no place leaves an
+/// empty certificate behind; one file for both is refused and loses nothing.
+void WritePair(const PemPair& text, const std::string& certFile, const std::string& keyFile) {
+  OutputFile certificate(certFile, FilePrivacy::kPublic);
+  if (!certificate.isOpen()) failures::kNoCertificate.Throw();
+  OutputFile key(keyFile, FilePrivacy::kSecret);
+  if (!key.isOpen()) {
+    certificate.Empty();
+    failures::kNoCertificate.Throw();
   }
-  static_cast<void>(BIO_reset(memory.get()));
-  if (!WriteCertificate(memory.get(), pair.certificate()) ||
-      !WriteContents(memory.get(), certFile.get())) {
-    ++failures;
-  }
-  if (!support::CloseFile(std::move(certFile))) ++failures;
-  if (!support::CloseFile(std::move(keyFile))) ++failures;
-  if (failures > 0) failures::kNoCertificate.Throw();
+  if (key.IsSameAs(certificate)) failures::kNoCertificate.Throw();
+  WriteFiles(text, &certificate, &key);
 }
 
 }  // namespace
@@ -68,11 +77,9 @@ void Registrator::GenerateSSLCertificate(const std::string& certFile, const std:
   if (pair.open() != 0) failures::kNoCertificate.Throw();
   if (certFile.empty() || keyFile.empty()) {
     PrintPair(pair);
-    return;
+  } else {
+    WritePair(Compose(pair), certFile, keyFile);
   }
-  support::FilePtr certificate = OpenOrThrow(certFile, support::FilePrivacy::kPublic);
-  support::FilePtr key = OpenOrThrow(keyFile, support::FilePrivacy::kSecret);
-  WritePair(pair, std::move(certificate), std::move(key));
 }
 
 }  // namespace corvel::storage::tzregister

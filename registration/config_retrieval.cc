@@ -1,11 +1,12 @@
 #include "registration/config_retrieval.h"
 
 #include <iostream>
-#include <sstream>
+#include <string_view>
 
 #include "frontend/string_check.h"
 #include "registration/failures.h"
 #include "support/file_system.h"
+#include "support/text_stream.h"
 
 namespace corvel::storage::tzregister {
 namespace {
@@ -42,17 +43,16 @@ const std::string& Require(const support::ParsedOptions& options, const char* na
 
 /// Writes the whole file. A disk that cannot take it must not pass for success:
 /// the host would run with half a configuration.
-void WriteConfigFile(const std::string& text, const std::string& path) {
-  support::FilePtr file = support::OpenForWriting(path, support::FilePrivacy::kSecret);
-  const bool written = file != nullptr && support::WriteText(text, file.get());
-  if (!written || !support::CloseFile(std::move(file))) {
+void WriteConfigFile(std::string_view text, const std::string& path) {
+  support::OutputFile file(path, support::FilePrivacy::kSecret);
+  if (!file.isOpen() || !file.Empty() || !file.Write(text) || !file.Close()) {
     failures::kConfigFileNotWritten.Throw(path);
   }
 }
 
 /// Prints the whole file and a line end. The account in it exists nowhere else,
 /// so standard output that cannot take it must not pass for success either.
-void PrintConfigFile(const std::string& text) {
+void PrintConfigFile(std::string_view text) {
   std::cout << text << '\n' << std::flush;
   if (!std::cout) failures::kConfigFileNotWritten.Throw();
 }
@@ -63,14 +63,15 @@ void Registrator::GetConfigFile(const std::string& type, std::int64_t id, bool s
                                 const std::string& storagePath, const std::string& configFilePath,
                                 const std::string& login, const std::string& password) const {
   const configfiletemplate_t templateId = TemplateFor(type, serverGiven);
-  std::stringstream received;
+  support::TextWriter received;
   proxy_->GetConfigFile(id, templateId, &received);
-  std::ostringstream rewritten;
-  ReplacePathsInConfigFile(&received, &rewritten, templateId, storagePath, login, password);
+  support::TextReader in(received.text());
+  support::TextWriter rewritten;
+  ReplacePathsInConfigFile(&in, &rewritten, templateId, storagePath, login, password);
   if (configFilePath.empty()) {
-    PrintConfigFile(rewritten.str());
+    PrintConfigFile(rewritten.text());
   } else {
-    WriteConfigFile(rewritten.str(), configFilePath);
+    WriteConfigFile(rewritten.text(), configFilePath);
   }
   std::cout << "##Configfile written to " << configFilePath << std::endl;
 }

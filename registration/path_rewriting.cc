@@ -1,4 +1,3 @@
-#include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
 #include <cctype>
 
@@ -6,6 +5,7 @@
 #include "registration/failures.h"
 #include "registration/registrator.h"
 #include "registration/system_account.h"
+#include "support/file_system.h"
 #include "support/password.h"
 
 namespace corvel::storage::tzregister {
@@ -46,6 +46,17 @@ constexpr PathOption kContentRouterPathOptions[] = {
     {"SSL", "CertFileName"},
     {"SSL", "PrivateKeyFileName"},
 };
+
+/// The options that say where the host's keys lie.
+constexpr PathOption kKeyOptions[] = {{"paths", "keydir"}, {"SSL", "PrivateKeyFileName"}};
+
+/// Who may look into the directory of an option.
+support::FilePrivacy PrivacyOf(const std::string& section, const std::string& option) {
+  for (const PathOption& row : kKeyOptions) {
+    if (section == row.section && option == row.option) return support::FilePrivacy::kSecret;
+  }
+  return support::FilePrivacy::kPublic;
+}
 
 /// True for "/..." and for drive paths such as "C:/...".
 bool IsAbsolute(const std::string& path) {
@@ -97,7 +108,7 @@ void Registrator::UpdatePathInParam(const std::string& option, const std::string
   if (config->SetOptionValue(section, option, joined.string(), comment) != tzconfig::kSuccess) {
     failures::kPathNotStored.Throw();
   }
-  if (makeDirs) boost::filesystem::create_directories(joined);
+  if (makeDirs) support::MakeDirectories(joined.string(), PrivacyOf(section, option));
 }
 
 void Registrator::SetStoragePath(const std::string& storagePath, bool makeDirs,

@@ -1,40 +1,49 @@
 #include <iostream>
-#include <sstream>
+#include <string_view>
 
 #include "registration/failures.h"
 #include "registration/registrator.h"
 #include "support/file_system.h"
+#include "support/text_stream.h"
 
 namespace corvel::storage::tzregister {
 namespace {
 
-void RequireOpen(const support::FilePtr& file, const std::string& path) {
-  if (file == nullptr) failures::kTableNotWritten.Throw(path);
+using support::FilePrivacy;
+using support::OutputFile;
+
+void RequireOpen(const OutputFile& file, const std::string& path) {
+  if (!file.isOpen()) failures::kTableNotWritten.Throw(path);
 }
 
 /// Writes one table and closes its file. The table was delivered once the file
 /// could be opened; what the disk makes of it is not examined.
-void WriteTable(const std::string& table, support::FilePtr file) {
-  support::WriteText(table, file.get());
-  support::CloseFile(std::move(file));
+void WriteTable(std::string_view table, OutputFile* file) {
+  file->Write(table);
+  file->Close();
 }
 
 /// Opens both files before it judges either, so that both are emptied or
-/// created whenever they can be.
-void WriteTables(const std::string& recommended, const std::string& recommendedFile,
-                 const std::string& current, const std::string& currentFile) {
-  using support::FilePrivacy;
-  support::FilePtr first = support::OpenForWriting(recommendedFile, FilePrivacy::kPublic);
-  support::FilePtr second = support::OpenForWriting(currentFile, FilePrivacy::kPublic);
+/// created whenever they can be; but one file cannot hold both tables.
+void WriteTables(std::string_view recommended, const std::string& recommendedFile,
+                 std::string_view current, const std::string& currentFile) {
+  OutputFile first(recommendedFile, FilePrivacy::kPublic);
+  OutputFile second(currentFile, FilePrivacy::kPublic);
+  if (first.isOpen() && second.isOpen() && first.IsSameAs(second)) {
+    failures::kTableNotWritten.Throw(currentFile);
+  }
+  for (OutputFile* file : {&first, &second}) {
+    if (file->isOpen()) file->Empty();
+  }
   RequireOpen(first, recommendedFile);
   RequireOpen(second, currentFile);
-  WriteTable(recommended, std::move(first));
-  WriteTable(current, std::move(second));
+  WriteTable(recommended, &first);
+  WriteTable(current, &second);
 }
 
 /// Unlike a file, standard output is looked at when it has taken the tables:
 /// nobody would see otherwise that a pipe or a full disk swallowed them.
-void PrintTables(const std::string& recommended, const std::string& current) {
+void PrintTables(std::string_view recommended, std::string_view current) {
   std::cout << recommended << current << std::flush;
   if (!std::cout) failures::kTableNotWritten.Throw();
 }
@@ -45,13 +54,13 @@ void Registrator::GetRoutingTables(std::int64_t storagePoolId, const std::string
                                    const std::string& currentFile) {
   if (!options_.Has("agentid") || configFile_.empty()) failures::kNoAgentId.Throw();
   UseStoredCredentials();
-  std::ostringstream recommended;
-  std::ostringstream current;
+  support::TextWriter recommended;
+  support::TextWriter current;
   proxy_->GetRoutingTables(storagePoolId, &recommended, &current);
   if (recommendedFile.empty() || currentFile.empty()) {
-    PrintTables(recommended.str(), current.str());
+    PrintTables(recommended.text(), current.text());
   } else {
-    WriteTables(recommended.str(), recommendedFile, current.str(), currentFile);
+    WriteTables(recommended.text(), recommendedFile, current.text(), currentFile);
   }
 }
 

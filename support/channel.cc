@@ -45,14 +45,13 @@ std::optional<std::string> HttpsAddress(const char* url) {
   return std::string(text.get());
 }
 
-void ChooseTrust(const char* url, const std::string& keydir, support::TransferSettings* settings) {
-  settings->caFile = support::ServerCertificateFile(url);
-  if (settings->caFile.empty() && !keydir.empty()) {
-    const std::string authority = keydir + "/ca.pem";
-    if (support::PathExists(authority)) settings->caFile = authority;
-  }
-  settings->trust =
-      settings->caFile.empty() ? support::ServerTrust::kSystem : support::ServerTrust::kFileOnly;
+/// The server is always verified: by its own file or the one of the key directory
+/// alone, else by the system's authorities.
+support::Verification ChooseTrust(const char* url, const std::string& keydir) {
+  std::string file = support::ServerCertificateFile(url);
+  const std::string authority = keydir + "/ca.pem";
+  if (file.empty() && !keydir.empty() && support::PathExists(authority)) file = authority;
+  return {file.empty() ? support::ServerTrust::kSystem : support::ServerTrust::kFileOnly, file};
 }
 
 /// Adds a header line to `*list`; false when memory is short.
@@ -104,7 +103,7 @@ WSHandle* WSInit(const char* url, const char* login, const char* password, const
   auto handle = std::make_unique<WSHandle>();
   handle->settings.url = *address;
   handle->settings.timeoutSeconds = kRequestTimeoutSeconds;
-  ChooseTrust(url, keydir, &handle->settings);
+  handle->settings.verification = ChooseTrust(url, keydir);
   handle->login = login;
   handle->password = support::Secret(password);
   return handle.release();

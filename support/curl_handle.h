@@ -11,6 +11,7 @@ namespace corvel::storage::support {
 
 using CurlEasyPtr = std::unique_ptr<CURL, HandleDeleter<curl_easy_cleanup>>;
 using CurlMultiPtr = std::unique_ptr<CURLM, HandleDeleter<curl_multi_cleanup>>;
+using CurlSharePtr = std::unique_ptr<CURLSH, HandleDeleter<curl_share_cleanup>>;
 using CurlUrlPtr = std::unique_ptr<CURLU, HandleDeleter<curl_url_cleanup>>;
 using CurlListPtr = std::unique_ptr<curl_slist, HandleDeleter<curl_slist_free_all>>;
 /// A text that libcurl allocated.

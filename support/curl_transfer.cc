@@ -1,5 +1,7 @@
 #include "support/curl_transfer.h"
 
+#include "support/transfer_socket.h"
+
 namespace corvel::storage::support {
 namespace {
 
@@ -29,6 +31,11 @@ class OptionSetter {
   bool usable_ = true;
 };
 
+// libcurl reads and sends one buffer in a poll or a hundredth of it: these are the
+// largest that it has.
+constexpr long kReadBytes = 10 << 20;
+constexpr long kSendBytes = 2 << 20;
+
 constexpr long kVerifyNobody = 0;
 constexpr long kVerifyChain = 1;
 constexpr long kVerifyHostName = 2;
@@ -40,17 +47,17 @@ void SetForm(const Form& form, OptionSetter* setter) {
   CURL_IGNORE_DEPRECATION(setter->Set(CURLOPT_HTTPPOST, form.parts());)
 }
 
-void SetTrust(const TransferSettings& settings, OptionSetter* setter) {
-  if (settings.trust == ServerTrust::kUnverified) {
+void SetTrust(const Verification& verification, OptionSetter* setter) {
+  if (verification.trust == ServerTrust::kUnverified) {
     setter->Set(CURLOPT_SSL_VERIFYPEER, kVerifyNobody).Set(CURLOPT_SSL_VERIFYHOST, kVerifyNobody);
     return;
   }
-  if (settings.trust != ServerTrust::kSystem) {
-    setter->Require(CURLOPT_CAINFO, settings.caFile.c_str());
+  if (verification.trust != ServerTrust::kSystem) {
+    setter->Require(CURLOPT_CAINFO, verification.caFile.c_str());
   }
   // The directory of system authorities stays in force beside a CA file unless
   // it is taken away.
-  if (settings.trust == ServerTrust::kFileOnly) {
+  if (verification.trust == ServerTrust::kFileOnly) {
     setter->Require(CURLOPT_CAPATH, static_cast<char*>(nullptr));
   }
   setter->Require(CURLOPT_SSL_VERIFYPEER, kVerifyChain)
@@ -74,11 +81,29 @@ bool ConfigureTransfer(CURL* handle, const TransferSettings& settings) {
   setter.Set(CURLOPT_URL, settings.url.c_str());
   if (settings.form != nullptr) SetForm(*settings.form, &setter);
   setter.Set(CURLOPT_WRITEFUNCTION, data_callback).Set(CURLOPT_WRITEDATA, settings.answer);
-  SetTrust(settings, &setter);
+  SetTrust(settings.verification, &setter);
+  if (settings.timeoutSeconds > 0) {
+    settings.answer->deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(settings.timeoutSeconds);
+  }
   return setter.Set(CURLOPT_NOSIGNAL, 1L)
       .Set(CURLOPT_TIMEOUT, settings.timeoutSeconds)
       .Set(CURLOPT_CONNECTTIMEOUT, settings.timeoutSeconds)
       .Set(CURLOPT_ERRORBUFFER, settings.errorText)
+      .Require(CURLOPT_HEADERFUNCTION, header_callback)
+      .Require(CURLOPT_HEADERDATA, settings.answer)
+      .usable();
+}
+
+bool ConfigurePolling(CURL* handle, const Polling& polling) {
+  OptionSetter setter(handle);
+  return setter.Set(CURLOPT_BUFFERSIZE, kReadBytes)
+      .Set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBytes)
+      // Every encoding that libcurl can undo.
+      .Set(CURLOPT_ACCEPT_ENCODING, "")
+      .Set(CURLOPT_OPENSOCKETFUNCTION, OpenTransferSocket)
+      .Set(CURLOPT_OPENSOCKETDATA, polling.connectWait)
+      .Set(CURLOPT_SHARE, polling.share)
       .usable();
 }
 

@@ -1,22 +1,15 @@
 #ifndef SUPPORT_CURL_TRANSFER_H_
 #define SUPPORT_CURL_TRANSFER_H_
 
+#include <chrono>
 #include <string>
 
 #include "support/curl_handle.h"
 #include "support/receive_buffer.h"
 #include "support/secret.h"
+#include "support/server_trust.h"
 
 namespace corvel::storage::support {
-
-/// What an HTTPS server's certificate is checked against. Where it is checked
-/// at all, the chain and the host name both count.
-enum class ServerTrust {
-  kUnverified,  ///< nothing: the server may be anybody
-  kFile,        ///< `caFile`, beside the authorities that libcurl trusts by itself
-  kFileOnly,    ///< `caFile` alone
-  kSystem,      ///< the authorities that libcurl trusts by itself
-};
 
 /// A multipart form in the making, owned with all its texts.
 class Form {
@@ -44,10 +37,17 @@ struct TransferSettings {
   std::string url;
   const Form* form = nullptr;       ///< null for a request without a form
   ReceiveBuffer* answer = nullptr;  ///< receives the body of the answer
-  ServerTrust trust = ServerTrust::kUnverified;
-  std::string caFile;         ///< PEM file, for kFile and kFileOnly
+  Verification verification;
   long timeoutSeconds = 0;    ///< for connecting, and for the transfer as a whole
   char* errorText = nullptr;  ///< CURL_ERROR_SIZE bytes for libcurl's account of a failure
+};
+
+/// What a transfer needs, on top of the settings above, to take few polls when
+/// its caller pauses for seconds between them.
+struct Polling {
+  CURLSH* share = nullptr;  ///< keeps connections and names for later transfers; null: nothing does
+  /// What may still be waited for connections; see OpenTransferSocket.
+  std::chrono::milliseconds* connectWait = nullptr;
 };
 
 /// A request of the channel, on top of the settings above: a POST of `text`
@@ -59,13 +59,17 @@ struct ChannelPost {
   curl_slist* headers = nullptr;
 };
 
-/// Applies `settings` to `handle`; with ConfigureChannelPost the one place where
-/// libcurl is configured. Whatever is not named here keeps libcurl's default:
+/// Applies `settings` to `handle`; with the two functions below the one place
+/// where libcurl is configured. Whatever is not named here keeps libcurl's default:
 /// proxies by environment, no redirects followed.
 /// False when memory is short or a setting is refused that verifying the server
 /// rests on; the handle must not be used then. A refusal of anything else, such
 /// as a negative time-out, leaves libcurl's default in force.
 bool ConfigureTransfer(CURL* handle, const TransferSettings& settings);
+
+/// Makes `handle` fit for `polling`. False when memory is short; the handle must
+/// not be used then.
+bool ConfigurePolling(CURL* handle, const Polling& polling);
 
 /// Makes `handle` send `post`. False when any setting of it is refused; the
 /// handle must not be used then.

@@ -10,7 +10,9 @@ namespace corvel::storage::support {
 // like). An empty variable counts as one that is not set. Besides these, libcurl
 // honours its own proxy variables.
 
-/// "0" switches the verification of HTTPS servers off; anything else leaves it on.
+/// "0" switches the verification of HTTPS servers off, "required" asks for it
+/// whether or not a file for the server is at hand; anything else verifies those
+/// servers that have a file.
 inline constexpr char kSslVerifyVariable[] = "QUORVEX_SSL_VERIFY";
 
 /// Directory that holds one certificate file per server, named host + ".pem".

@@ -1,7 +1,6 @@
 #ifndef SUPPORT_HANDLE_H_
 #define SUPPORT_HANDLE_H_
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -17,17 +16,8 @@ struct HandleDeleter {
   }
 };
 
-/// Closes a stdio stream and drops the result of closing; CloseFile of
-/// support/file_system.h tells it.
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
 /// An owned zero-terminated text from malloc.
 using HeapText = std::unique_ptr<char, HandleDeleter<std::free>>;
-
-/// An owned stdio stream; null when it could not be opened.
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 }  // namespace corvel::storage::support
 

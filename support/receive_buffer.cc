@@ -5,9 +5,17 @@
 #include <utility>
 
 namespace corvel::storage::support {
+namespace {
+
+/// A server that never pauses would keep libcurl from looking at its own clock.
+bool IsLate(const ReceiveBuffer& buffer) {
+  return std::chrono::steady_clock::now() > buffer.deadline;
+}
+
+}  // namespace
 
 bool ReceiveBuffer::Append(const char* bytes, std::size_t count) {
-  const bool fits = size <= kMaxAnswerBytes && count <= kMaxAnswerBytes - size;
+  const bool fits = size <= kMaxAnswerBytes && count <= kMaxAnswerBytes - size && !IsLate(*this);
   auto* const grown = fits ? static_cast<char*>(std::realloc(data, size + count + 1)) : nullptr;
   if (grown == nullptr) {
     Release();
@@ -35,6 +43,13 @@ std::size_t data_callback(char* ptr, std::size_t size, std::size_t nmemb, void* 
   if (userdata == nullptr) return 0;
   const std::size_t count = size * nmemb;
   return static_cast<ReceiveBuffer*>(userdata)->Append(ptr, count) ? count : 0;
+}
+
+std::size_t header_callback(char* /*ptr*/, std::size_t size, std::size_t nmemb, void* userdata) {
+  auto* const buffer = static_cast<ReceiveBuffer*>(userdata);
+  const std::size_t count = size * nmemb;
+  buffer->headerBytes += count;
+  return buffer->headerBytes <= kMaxHeaderBytes && !IsLate(*buffer) ? count : 0;
 }
 
 }  // namespace corvel::storage::support

@@ -2,10 +2,13 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <openssl/crypto.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <new>
 
 namespace {
 
@@ -26,6 +29,14 @@ void InitSupportLibrary(const char* /*programName*/, const char* /*libraryVersio
   OccupyStandardStreams();
   const rlimit noCoreDump = {0, 0};
   setrlimit(RLIMIT_CORE, &noCoreDump);
+  // The limit does not hold for a handler that core files are piped to, and it
+  // keeps nobody's debugger out.
+  prctl(PR_SET_DUMPABLE, 0);
   std::signal(SIGPIPE, SIG_IGN);
-  curl_global_init(CURL_GLOBAL_DEFAULT);
+  // Neither library can be used, and one of them crashes, when memory was too
+  // short for its beginnings.
+  if (OSSL_LIB_CTX_get0_global_default() == nullptr ||
+      curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OUT_OF_MEMORY) {
+    throw std::bad_alloc();
+  }
 }

@@ -6,9 +6,11 @@
 /// and for which release of the library; both are zero-terminated.
 ///
 /// Opens /dev/null for reading in place of closed standard streams, switches core
-/// dumps off because the process holds passwords, makes a write to a closed connection an
-/// error instead of the end of the process, and brings libcurl up. Failures are
-/// ignored: what then does not work says so when it is used.
+/// dumps off and keeps other processes out of this one's memory because it holds
+/// passwords, makes a write to a closed connection an error instead of the end of
+/// the process, and brings libcurl and the crypto library up. Failures are
+/// ignored: what then does not work says so when it is used. But throws
+/// std::bad_alloc when memory is too short for the libraries.
 void InitSupportLibrary(const char* programName, const char* libraryVersion);
 
 #endif  // SUPPORT_STARTUP_H_

@@ -1,9 +1,11 @@
 #include "webservice/transport.h"
 
+#include <chrono>
 #include <utility>
 #include <vector>
 
 #include "support/curl_transfer.h"
+#include "support/transfer_socket.h"
 
 namespace corvel::storage::tzregister {
 namespace {
@@ -14,6 +16,7 @@ struct CurlHandles {
   support::CurlMultiPtr multi;
   support::Form form;
   support::CurlEasyPtr easy;
+  std::chrono::milliseconds connectWait = support::kConnectWait;
   char errorText[CURL_ERROR_SIZE] = {};
   bool added = false;  ///< the easy handle is in the multi handle, ready to be sent
 
@@ -35,18 +38,18 @@ support::TransferSettings SettingsFor(const HttpRequest& request, WebServiceBuff
   settings.url = request.url;
   if (request.form != nullptr) settings.form = &handles->form;
   settings.answer = answer;
-  settings.trust =
-      request.caFile.empty() ? support::ServerTrust::kUnverified : support::ServerTrust::kFile;
-  settings.caFile = request.caFile;
+  settings.verification = request.verification;
   settings.timeoutSeconds = request.timeoutSeconds;
   settings.errorText = handles->errorText;
   return settings;
 }
 
 /// Makes the transfer ready to be sent; `handles->added` says whether it is.
-void SetUp(const HttpRequest& request, WebServiceBuffer* answer, CurlHandles* handles) {
+void SetUp(const HttpRequest& request, WebServiceBuffer* answer, CURLSH* share,
+           CurlHandles* handles) {
   if (request.form != nullptr && !AddFields(*request.form, &handles->form)) return;
   if (!ConfigureTransfer(handles->easy.get(), SettingsFor(request, answer, handles))) return;
+  if (!support::ConfigurePolling(handles->easy.get(), {share, &handles->connectWait})) return;
   handles->added = curl_multi_add_handle(handles->multi.get(), handles->easy.get()) == CURLM_OK;
 }
 
@@ -84,6 +87,16 @@ class CurlTransfer final : public HttpTransfer {
   std::unique_ptr<CurlHandles> handles_;
 };
 
+/// Null when there is none to be had: each request then does everything anew.
+support::CurlSharePtr MakeShare() {
+  support::CurlSharePtr share(curl_share_init());
+  if (share == nullptr) return nullptr;
+  for (const curl_lock_data kept : {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_DNS}) {
+    curl_share_setopt(share.get(), CURLSHOPT_SHARE, kept);
+  }
+  return share;
+}
+
 class CurlTransport final : public HttpTransport {
  public:
   std::unique_ptr<HttpTransfer> Start(const HttpRequest& request,
@@ -93,9 +106,13 @@ class CurlTransport final : public HttpTransport {
     if (handles->multi == nullptr) return nullptr;
     handles->easy.reset(curl_easy_init());
     if (handles->easy == nullptr) return nullptr;
-    SetUp(request, answer, handles.get());
+    if (share_ == nullptr) share_ = MakeShare();
+    SetUp(request, answer, share_.get(), handles.get());
     return std::make_unique<CurlTransfer>(std::move(handles));
   }
+
+ private:
+  support::CurlSharePtr share_;
 };
 
 class SystemChannel final : public RequestChannel {
@@ -115,10 +132,7 @@ class SystemChannel final : public RequestChannel {
 
 }  // namespace
 
-HttpTransport& HttpTransport::System() {
-  static CurlTransport transport;
-  return transport;
-}
+std::unique_ptr<HttpTransport> HttpTransport::Curl() { return std::make_unique<CurlTransport>(); }
 
 RequestChannel& RequestChannel::System() {
   static SystemChannel channel;

@@ -8,6 +8,7 @@
 #include "support/channel.h"
 #include "support/clock.h"
 #include "support/receive_buffer.h"
+#include "support/server_trust.h"
 
 namespace corvel::storage::tzregister {
 
@@ -21,8 +22,8 @@ using WebServiceBuffer = support::ReceiveBuffer;
 struct HttpRequest {
   std::string url;
   const FormFields* form = nullptr;  ///< borrowed; null for a plain GET without a body
-  std::string caFile;                ///< PEM file to verify the server by; empty: unverified
-  int timeoutSeconds = 0;            ///< for connecting, and for the transfer as a whole
+  support::Verification verification;
+  int timeoutSeconds = 0;  ///< for connecting, and for the transfer as a whole
 };
 
 /// How a transfer ended.
@@ -63,8 +64,9 @@ class HttpTransport {
   virtual std::unique_ptr<HttpTransfer> Start(const HttpRequest& request,
                                               WebServiceBuffer* answer) = 0;
 
-  /// libcurl. It has no state and lives as long as the process.
-  static HttpTransport& System();
+  /// libcurl. Connections and looked-up names are kept from request to request
+  /// until it goes. Requests that were abandoned may outlive it.
+  static std::unique_ptr<HttpTransport> Curl();
 };
 
 /// The storage product's request channel; each operation is that of
@@ -86,7 +88,7 @@ class RequestChannel {
 /// outlive whoever holds a copy.
 struct Network {
   support::Clock* clock = &support::Clock::System();
-  HttpTransport* http = &HttpTransport::System();
+  HttpTransport* http = nullptr;
   RequestChannel* channel = &RequestChannel::System();
 };
 

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <sstream>
 
 #include "support/bounded_text.h"
 #include "support/diagnostic.h"
@@ -72,9 +71,7 @@ int WebService::field(const char* name, const char* value) {
 }
 
 int WebService::field(const char* name, std::int64_t value) {
-  std::ostringstream text;
-  text << value;
-  return field(name, text.str().c_str());
+  return field(name, std::to_string(value).c_str());
 }
 
 int WebService::get(long* httpCode) {
@@ -95,7 +92,7 @@ const char* WebService::SendByHttp(long* httpCode) {
   HttpRequest request;
   request.url = url;
   request.form = hasFields ? &fields : nullptr;
-  if (supportTWLXSSLVerify() != 0) request.caFile = support::ServerCertificateFile(url);
+  request.verification = support::VerificationOf(url);
   request.timeoutSeconds = timeout;
   const std::unique_ptr<HttpTransfer> transfer = network_.http->Start(request, &buffer);
   if (transfer == nullptr) return "Can't initialize webservice network layer";

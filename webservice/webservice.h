@@ -16,7 +16,7 @@ class WebService {
  public:
   /// `network` says through what the request goes; what it points to must
   /// outlive the object.
-  explicit WebService(const Network& network = Network());
+  explicit WebService(const Network& network);
   WebService(const WebService&) = delete;
   WebService& operator=(const WebService&) = delete;
 

@@ -136,7 +136,11 @@ void WSCataProxy::PCallWebService(WebService* ws, RecordSet* records) {
     support::PrintDiagnostic("null ws or res");
     failures::kNothingToCall.Throw();
   }
-  if (IsTable(ws, records)) return;
+  if (IsTable(ws, records)) {
+    // The records hold what the operation reads; a large answer is not kept twice.
+    ws->buffer.Release();
+    return;
+  }
   support::PrintDiagnostic("Server's HTTP response code was " + std::to_string(ws->httpStatus));
   failures::kCallFailed.Throw();
 }

@@ -25,7 +25,7 @@ class WSCataProxy {
  public:
   /// Keeps a copy of `options`. What `network` points to must outlive the proxy.
   explicit WSCataProxy(const boost::program_options::variables_map& options,
-                       const Network& network = Network());
+                       const Network& network);
   WSCataProxy(const WSCataProxy&) = delete;
   WSCataProxy& operator=(const WSCataProxy&) = delete;
 

@@ -65,7 +65,7 @@ def test_one_form_is_posted_to_the_pool_page(
     request = server.only_request()
     assert request.request_line == "POST /ws_storagepool.php HTTP/1.1"
     assert request.parts() == parts
-    assert set(request.headers) == {"host", "accept", "content-length", "content-type"}
+    assert set(request.headers) == {"host", "accept", "accept-encoding", "content-length", "content-type"}
     assert request.headers["host"] == f"127.0.0.1:{server.port}"
     assert request.headers["content-length"] == str(len(request.body))
 

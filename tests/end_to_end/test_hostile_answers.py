@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import contextlib
-import gzip
 import socket
 import time
 from typing import Any, Callable
@@ -94,11 +93,6 @@ BROKEN = {
 @pytest.mark.parametrize("reply", BROKEN.values(), ids=BROKEN.keys())
 def test_a_broken_head_or_body_is_a_network_error(host: Host, reply: bytes) -> None:
     assert discover_from(host, reply) == failure(NETWORK_ERROR)
-
-
-def test_a_compressed_body_is_not_unpacked(host: Host) -> None:
-    packed = http_answer(gzip.compress(empty_answer()), headers=["Content-Encoding: gzip"])
-    assert discover_from(host, packed) == failure(NOT_PARSED)
 
 
 def pouring(piece: bytes, first: bytes = b"", pause: float = 0.0) -> Callable[[socket.socket], None]:

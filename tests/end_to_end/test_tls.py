@@ -149,6 +149,63 @@ def test_the_default_plugin_directory_is_quorvexs_own(
     assert verdict(host, ca.expired_server(), environment=variable) == FAILURE
 
 
+@pytest.mark.parametrize("asked", ["LOCALHOST", "LocalHost"])
+@pytest.mark.parametrize("scheme", ["https", "vrmo"])
+def test_the_hosts_file_is_found_however_its_name_is_written(
+    host: Host, plugins: Path, ca: CertificateAuthority, asked: str, scheme: str
+) -> None:
+    shutil.copy(CertificateAuthority(host.work / "other").file, plugins / "localhost.pem")
+    with RawServer([http_answer(empty_answer())], tls=ca.server().context()) as server:
+        result = discover(host, f"{scheme}://{asked}:{server.port}")
+    assert result.status == EXIT_FAILURE and server.requests == []
+    shutil.copy(ca.file, plugins / "localhost.pem")
+    reply = http_answer(empty_answer(), headers=["X-Quorvex-Status: 0"])
+    with RawServer([reply], tls=ca.server().context()) as server:
+        assert discover(host, f"{scheme}://{asked}:{server.port}") == SUCCESS
+
+
+REQUIRED = {"QUORVEX_SSL_VERIFY": "required"}
+
+
+def system_authorities(host: Host, directory: Path, *trusted: CertificateAuthority) -> None:
+    """Lets these be the authorities that the machine trusts."""
+    (directory / "certs").mkdir(parents=True)
+    bundle = directory / "certs" / "ca-certificates.crt"
+    bundle.write_bytes(b"".join(one.file.read_bytes() for one in trusted))
+    for one in trusted:
+        shutil.copy(one.file, directory / "certs" / one.hashed_name())
+    host.install_ssl_directory(directory)
+
+
+def test_required_verification_takes_no_server_without_trust(
+    host: Host, plugins: Path, ca: CertificateAuthority, tmp_path: Path
+) -> None:
+    system_authorities(host, tmp_path / "ssl", CertificateAuthority(tmp_path / "public"))
+    assert verdict(host, ca.server(), environment=REQUIRED) == FAILURE
+    assert verdict(host, ca.server()) == SUCCESS
+
+
+def test_required_verification_takes_what_the_system_trusts(
+    host: Host, plugins: Path, ca: CertificateAuthority, tmp_path: Path
+) -> None:
+    system_authorities(host, tmp_path / "ssl", ca)
+    assert verdict(host, ca.server(), environment=REQUIRED) == SUCCESS
+    assert verdict(host, ca.server(names=["other.example"]), environment=REQUIRED) == FAILURE
+    assert verdict(host, ca.expired_server(), environment=REQUIRED) == FAILURE
+
+
+def test_required_verification_trusts_a_servers_file_alone(
+    host: Host, plugins: Path, ca: CertificateAuthority, tmp_path: Path
+) -> None:
+    public = CertificateAuthority(tmp_path / "public")
+    system_authorities(host, tmp_path / "ssl", public)
+    shutil.copy(ca.file, plugins / "127.0.0.1.pem")
+    assert verdict(host, ca.server(), environment=REQUIRED) == SUCCESS
+    assert verdict(host, public.server(), environment=REQUIRED) == FAILURE
+    # Without the requirement the directory of the system's authorities counts beside the file.
+    assert verdict(host, public.server()) == SUCCESS
+
+
 def test_a_server_without_tls_is_a_network_error(host: Host) -> None:
     with RawServer([http_answer(empty_answer())]) as server:
         assert discover(host, f"https://127.0.0.1:{server.port}") == FAILURE

@@ -714,7 +714,7 @@ def literals(source: str) -> set[str]:
     one = r'"((?:[^"\\\n]|\\.)*)"'
     whole = ("".join(re.findall(one, found[0])) for found in re.finditer(rf"{one}(?:\s*{one})*", code))
     plain = (text.replace(r"\n", "\n").replace(r"\"", '"') for text in whole)
-    return {line.strip() for text in plain for line in text.split("\n")}
+    return {line.removesuffix("%s").strip() for text in plain for line in text.split("\n")}
 
 
 def test_no_message_of_the_sources_is_missing_from_the_page() -> None:

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -154,6 +155,24 @@ TEST_F(GenerateSSLCertificateTest, FailsWhenTheDiskTakesAPartOfEither) {
     ExpectFailure(outcome, kFailure);
     EXPECT_EQ(ReadFile(certificate ? certFile : keyFile).size(), kRoom);
   }
+}
+
+TEST_F(GenerateSSLCertificateTest, RefusesOneFileForBothAndLosesNothing) {
+  directory.Write("Agent.cert", "old");
+  ASSERT_EQ(symlink("Agent.cert", keyFile.c_str()), 0);
+  for (const std::string& other : {certFile, directory.path() + "/./Agent.cert", keyFile}) {
+    SCOPED_TRACE(other);
+    ExpectFailure(Generate(certFile, other), kFailure);
+    ExpectFailure(Generate(other, certFile), kFailure);
+    EXPECT_EQ(ReadFile(certFile), "old");
+  }
+  const std::string fresh = directory.File("new");
+  ExpectFailure(Generate(fresh, fresh), kFailure);
+  EXPECT_EQ(ReadFile(fresh), "");
+}
+
+TEST_F(GenerateSSLCertificateTest, WritesBothToOneDevice) {
+  ExpectSuccess(Generate("/dev/null", "/dev/null"));
 }
 
 TEST_F(GenerateSSLCertificateTest, TouchesNoFileWhenThePairCannotBeMade) {

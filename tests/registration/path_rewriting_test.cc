@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <boost/filesystem/exception.hpp>
 #include <filesystem>
@@ -255,6 +256,22 @@ TEST(ReplacePathsInConfigFile, CreatesDirectoriesWithMkdirAlone) {
                         Registrator::TEMPLATE_CONTENT_ROUTER)
                     .outcome);
   EXPECT_TRUE(std::filesystem::is_directory(storage + "/rt"));
+}
+
+TEST(ReplacePathsInConfigFile, CreatesTheDirectoriesOfKeysForTheirOwnerAlone) {
+  const TempDirectory directory;
+  const std::string storage = directory.File("s");
+  const mode_t before = umask(0);
+  const Rewriting agent = Rewrite({"--mkdir"}, "[Paths]\nKeyDir=keys\nlog=log\n", {}, storage);
+  const Rewriting router =
+      Rewrite({"--mkdir"}, "[SSL]\nCertFileName=cert\nPrivateKeyFileName=key\n", {}, storage,
+              Registrator::TEMPLATE_CONTENT_ROUTER);
+  umask(before);
+  EXPECT_EQ(agent.outcome.failure, kNothingThrown);
+  EXPECT_EQ(router.outcome.failure, kNothingThrown);
+  for (const char* open : {"", "/log", "/cert"}) EXPECT_EQ(FileMode(storage + open), 0755U) << open;
+  for (const char* closed : {"/keys", "/key"})
+    EXPECT_EQ(FileMode(storage + closed), 0700U) << closed;
 }
 
 TEST(ReplacePathsInConfigFile, RefusesAMissingStream) {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -166,6 +167,22 @@ TEST_F(GetRoutingTablesTest, ReportsTheFirstFileWhenNeitherCanBeOpened) {
   const std::string first = directory.File("missing/first");
   ExpectFailure(Get(first, directory.File("missing/second")),
                 {14, 5, "Registrator", "Failed to write file: " + first + "\n"});
+}
+
+TEST_F(GetRoutingTablesTest, RefusesOneFileForBothAndLosesNothing) {
+  const std::string first = directory.Write("first", "old");
+  const std::string linked = directory.File("link");
+  ASSERT_EQ(link(first.c_str(), linked.c_str()), 0);
+  for (const std::string& other : {first, linked}) {
+    SCOPED_TRACE(other);
+    ExpectFailure(Get(first, other),
+                  {14, 5, "Registrator", "Failed to write file: " + other + "\n"});
+    EXPECT_EQ(ReadFile(first), "old");
+  }
+}
+
+TEST_F(GetRoutingTablesTest, WritesBothToOneDevice) {
+  ExpectSuccess(Get("/dev/null", "/dev/null"));
 }
 
 TEST_F(GetRoutingTablesTest, DoesNotExamineWhatTheDiskMakesOfTheTables) {

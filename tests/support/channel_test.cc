@@ -42,7 +42,7 @@ using ::testing::IsSupersetOf;
 using ChannelPtr = std::unique_ptr<WSHandle, HandleDeleter<WSShutdown>>;
 
 constexpr int kKind = 13;
-constexpr std::size_t kLongestAnswer = std::size_t{64} << 20;
+constexpr std::size_t kLongestAnswer = std::size_t{256} << 20;
 
 /// A channel without certificates of its own, over which nothing travels.
 class ChannelTest : public ::testing::Test {

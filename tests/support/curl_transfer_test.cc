@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <string>
 #include <vector>
 
+#include "support/transfer_socket.h"
 #include "tests/testing/curl_double.h"
 
 namespace corvel::storage::support {
@@ -26,8 +28,7 @@ TransferSettings Settings(ServerTrust trust) {
   TransferSettings settings;
   settings.url = "https://spa/ws_agent.php";
   settings.answer = &answer;
-  settings.trust = trust;
-  settings.caFile = "/certs/spa.pem";
+  settings.verification = {trust, "/certs/spa.pem"};
   settings.timeoutSeconds = 120;
   settings.errorText = errorText;
   return settings;
@@ -50,8 +51,8 @@ class CurlTransferTest : public ::testing::Test {
 Lines WithTrust(const Lines& trust) {
   Lines options = {"URL=https://spa/ws_agent.php", "WRITEFUNCTION=(set)", "WRITEDATA=(set)"};
   options.insert(options.end(), trust.begin(), trust.end());
-  options.insert(options.end(),
-                 {"NOSIGNAL=1", "TIMEOUT=120", "CONNECTTIMEOUT=120", "ERRORBUFFER=(set)"});
+  options.insert(options.end(), {"NOSIGNAL=1", "TIMEOUT=120", "CONNECTTIMEOUT=120",
+                                 "ERRORBUFFER=(set)", "HEADERFUNCTION=(set)", "HEADERDATA=(set)"});
   return options;
 }
 
@@ -82,6 +83,16 @@ TEST_F(CurlTransferTest, TheAnswerGoesToTheGivenBuffer) {
   EXPECT_EQ(curl.pointers["WRITEFUNCTION"], reinterpret_cast<void*>(data_callback));
   EXPECT_EQ(curl.pointers["WRITEDATA"], &answer);
   EXPECT_EQ(curl.pointers["ERRORBUFFER"], errorText);
+  EXPECT_EQ(curl.pointers["HEADERFUNCTION"], reinterpret_cast<void*>(header_callback));
+  EXPECT_EQ(curl.pointers["HEADERDATA"], &answer);
+}
+
+TEST_F(CurlTransferTest, TheAnswerHasUntilTheTimeOut) {
+  TransferSettings settings = Settings(ServerTrust::kUnverified);
+  const auto before = std::chrono::steady_clock::now();
+  Configured(settings);
+  EXPECT_GE(answer.deadline, before + std::chrono::seconds(120));
+  EXPECT_LE(answer.deadline, std::chrono::steady_clock::now() + std::chrono::seconds(120));
 }
 
 TEST_F(CurlTransferTest, AFormIsAttachedBehindTheUrl) {
@@ -104,11 +115,12 @@ TEST_F(CurlTransferTest, TimeOutsAreThoseOfTheSettings) {
 
 std::string OptionName(const std::string& line) { return line.substr(0, line.find('=')); }
 
-TEST_F(CurlTransferTest, NothingIsSentWithoutWhatVerificationRestsOn) {
-  const Lines trust = {"CAINFO", "CAPATH", "SSL_VERIFYPEER", "SSL_VERIFYHOST"};
+TEST_F(CurlTransferTest, NothingIsSentWithoutWhatVerificationAndLimitsRestOn) {
+  const Lines needed = {"CAINFO",         "CAPATH",         "SSL_VERIFYPEER",
+                        "SSL_VERIFYHOST", "HEADERFUNCTION", "HEADERDATA"};
   for (const std::string& line : Configured(Settings(ServerTrust::kFileOnly))) {
     curl.refusedOption = OptionName(line);
-    const bool required = std::count(trust.begin(), trust.end(), curl.refusedOption) > 0;
+    const bool required = std::count(needed.begin(), needed.end(), curl.refusedOption) > 0;
     EXPECT_EQ(ConfigureTransfer(handle.get(), Settings(ServerTrust::kFileOnly)), !required) << line;
   }
 }
@@ -131,6 +143,32 @@ TEST_F(CurlTransferTest, NothingIsSentWhenMemoryIsShort) {
   for (const std::string& line : options) {
     curl.refusedOption = OptionName(line);
     EXPECT_FALSE(ConfigureTransfer(handle.get(), Settings(ServerTrust::kFileOnly))) << line;
+  }
+}
+
+TEST_F(CurlTransferTest, APolledTransferReadsAndSendsMuchAtATimeAndTakesCompressedAnswers) {
+  const CurlSharePtr share(curl_share_init());
+  std::chrono::milliseconds wait = kConnectWait;
+  EXPECT_TRUE(ConfigurePolling(handle.get(), {share.get(), &wait}));
+  EXPECT_THAT(curl.options, ElementsAre("BUFFERSIZE=10485760", "UPLOAD_BUFFERSIZE=2097152",
+                                        "ACCEPT_ENCODING=", "OPENSOCKETFUNCTION=(set)",
+                                        "OPENSOCKETDATA=(set)", "SHARE=(set)"));
+  EXPECT_EQ(curl.pointers["OPENSOCKETFUNCTION"], reinterpret_cast<void*>(OpenTransferSocket));
+  EXPECT_EQ(curl.pointers["OPENSOCKETDATA"], &wait);
+  EXPECT_EQ(curl.pointers["SHARE"], share.get());
+  // The share may go once the transfer that uses it has gone.
+  handle.reset();
+}
+
+TEST_F(CurlTransferTest, APolledTransferIsSlowerWithoutAnOptionThatIsRefused) {
+  std::chrono::milliseconds wait = kConnectWait;
+  ASSERT_TRUE(ConfigurePolling(handle.get(), {nullptr, &wait}));
+  for (const std::string& line : Lines(curl.options)) {
+    curl.refusedOption = OptionName(line);
+    curl.refusal = CURLE_UNKNOWN_OPTION;
+    EXPECT_TRUE(ConfigurePolling(handle.get(), {nullptr, &wait})) << line;
+    curl.refusal = CURLE_OUT_OF_MEMORY;
+    EXPECT_FALSE(ConfigurePolling(handle.get(), {nullptr, &wait})) << line;
   }
 }
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/filesystem/exception.hpp>
 #include <cerrno>
 #include <string>
 
@@ -61,49 +62,34 @@ TEST(PathExists, IsFalseForWhatIsNotThere) {
   }
 }
 
-TEST(OpenForWriting, CreatesAPublicFileAsTheUmaskAllows) {
+TEST(OutputFile, IsCreatedAsTheUmaskAllows) {
   for (const mode_t mask : kMasks) {
     SCOPED_TRACE(mask);
     const TempDirectory directory;
     const UmaskFor umask_(mask);
-    ASSERT_TRUE(OpenForWriting(directory.File("f"), FilePrivacy::kPublic));
-    EXPECT_EQ(FileMode(directory.File("f")), 0666 & ~mask);
+    EXPECT_TRUE(OutputFile(directory.File("public"), FilePrivacy::kPublic).isOpen());
+    EXPECT_TRUE(OutputFile(directory.File("secret"), FilePrivacy::kSecret).isOpen());
+    EXPECT_EQ(FileMode(directory.File("public")), 0666U & ~mask);
+    EXPECT_EQ(FileMode(directory.File("secret")), 0600U & ~mask);
+    EXPECT_EQ(UmaskFor::Current(), mask);
   }
 }
 
-TEST(OpenForWriting, CreatesASecretFileForItsOwnerAlone) {
-  for (const mode_t mask : kMasks) {
-    SCOPED_TRACE(mask);
-    const TempDirectory directory;
-    const UmaskFor umask_(mask);
-    ASSERT_TRUE(OpenForWriting(directory.File("f"), FilePrivacy::kSecret));
-    EXPECT_EQ(FileMode(directory.File("f")), 0600U & ~mask);
-  }
-}
-
-TEST(OpenForWriting, LeavesTheUmaskAsItWas) {
+TEST(OutputFile, KeepsWhatAnExistingFileHoldsUntilItIsEmptied) {
   const TempDirectory directory;
-  const UmaskFor umask_(0137);
   for (const FilePrivacy privacy : kBoth) {
-    ASSERT_TRUE(OpenForWriting(directory.File("f"), privacy));
-    ASSERT_FALSE(OpenForWriting(directory.path(), privacy));
-    EXPECT_EQ(UmaskFor::Current(), 0137U);
-  }
-}
-
-TEST(OpenForWriting, KeepsTheModeOfAnExistingFileAndEmptiesIt) {
-  const TempDirectory directory;
-  const std::string path = directory.Write("f", "old content");
-  for (const FilePrivacy privacy : kBoth) {
+    const std::string path = directory.Write("f", "old content");
     ASSERT_EQ(chmod(path.c_str(), 0644), 0);
-    const FilePtr file = OpenForWriting(path, privacy);
-    ASSERT_TRUE(file);
+    OutputFile file(path, privacy);
+    ASSERT_TRUE(file.isOpen());
+    EXPECT_EQ(ReadFile(path), "old content");
+    EXPECT_TRUE(file.Empty());
     EXPECT_EQ(ReadFile(path), "");
     EXPECT_EQ(FileMode(path), 0644U);
   }
 }
 
-TEST(OpenForWriting, SaysWhyAFileCannotBeOpened) {
+TEST(OutputFile, SaysWhyItCannotBeOpened) {
   const TempDirectory directory;
   const struct {
     std::string path;
@@ -116,97 +102,145 @@ TEST(OpenForWriting, SaysWhyAFileCannotBeOpened) {
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.path);
     for (const FilePrivacy privacy : kBoth) {
-      EXPECT_FALSE(OpenForWriting(row.path, privacy));
+      EXPECT_FALSE(OutputFile(row.path, privacy).isOpen());
       EXPECT_EQ(errno, row.reason);
     }
   }
   EXPECT_FALSE(Exists(directory.File("missing")));
 }
 
-TEST(OpenForWriting, KeepsTheDescriptorFromChildProcesses) {
-  const TempDirectory directory;
-  for (const FilePrivacy privacy : kBoth) {
-    const FilePtr file = OpenForWriting(directory.File("f"), privacy);
-    ASSERT_TRUE(file);
-    EXPECT_EQ(fcntl(fileno(file.get()), F_GETFD), FD_CLOEXEC);
-  }
+/// The descriptor that is given out next.
+int NextDescriptor() {
+  const int next = dup(STDERR_FILENO);
+  close(next);
+  return next;
 }
 
-TEST(OpenForWriting, ClosesTheFileWithTheHandle) {
+TEST(OutputFile, KeepsTheDescriptorFromChildProcesses) {
   const TempDirectory directory;
-  int descriptor = -1;
-  {
-    const FilePtr file = OpenForWriting(directory.File("f"), FilePrivacy::kPublic);
-    ASSERT_TRUE(file);
-    descriptor = fileno(file.get());
-  }
+  const int descriptor = NextDescriptor();
+  const OutputFile file(directory.File("f"), FilePrivacy::kPublic);
+  ASSERT_TRUE(file.isOpen());
+  EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+}
+
+TEST(OutputFile, IsClosedOnceByWhicheverComesFirst) {
+  const TempDirectory directory;
+  const int descriptor = NextDescriptor();
+  { const OutputFile file(directory.File("f"), FilePrivacy::kPublic); }
   EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
+  {
+    OutputFile file(directory.File("f"), FilePrivacy::kPublic);
+    EXPECT_TRUE(file.Close());
+    EXPECT_EQ(dup(STDERR_FILENO), descriptor);
+  }
+  EXPECT_EQ(close(descriptor), 0);
 }
 
-TEST(WriteText, WritesEveryByte) {
+TEST(OutputFile, WritesEveryByte) {
   const TempDirectory directory;
   const std::string text = std::string("a\0\r\n\xff", 5) + std::string(100000, 'x');
-  for (const FilePrivacy privacy : kBoth) {
-    FilePtr file = OpenForWriting(directory.File("f"), privacy);
-    ASSERT_TRUE(file);
-    EXPECT_TRUE(WriteText("", file.get()));
-    EXPECT_TRUE(WriteText(text, file.get()));
-    EXPECT_TRUE(CloseFile(std::move(file)));
-    EXPECT_EQ(ReadFile(directory.File("f")), text);
+  OutputFile file(directory.Write("f", std::string(200000, 'o')), FilePrivacy::kSecret);
+  EXPECT_TRUE(file.Empty());
+  EXPECT_TRUE(file.Write(""));
+  EXPECT_TRUE(file.Write(text));
+  EXPECT_EQ(ReadFile(directory.File("f")), text);
+  EXPECT_TRUE(file.Close());
+}
+
+TEST(OutputFile, FailsWhenTheDiskTakesNothing) {
+  OutputFile file("/dev/full", FilePrivacy::kSecret);
+  ASSERT_TRUE(file.isOpen());
+  EXPECT_TRUE(file.Empty());
+  EXPECT_FALSE(file.Write("x"));
+}
+
+TEST(OutputFile, FailsForThePartThatTheDiskDoesNotTake) {
+  const TempDirectory directory;
+  OutputFile file(directory.File("f"), FilePrivacy::kSecret);
+  {
+    const FileSizeLimit limit(10);
+    EXPECT_TRUE(file.Write("first"));
+    EXPECT_FALSE(file.Write("second"));
+  }
+  EXPECT_EQ(ReadFile(directory.File("f")), "firstsecon");
+}
+
+TEST(OutputFile, FailsWhenItsDescriptorIsGone) {
+  const TempDirectory directory;
+  const int descriptor = NextDescriptor();
+  OutputFile file(directory.File("f"), FilePrivacy::kPublic);
+  close(descriptor);
+  EXPECT_FALSE(file.Empty());
+  EXPECT_FALSE(file.Write("x"));
+  EXPECT_FALSE(file.Close());
+}
+
+TEST(OutputFile, KnowsItselfByAnotherName) {
+  const TempDirectory directory;
+  const std::string path = directory.Write("f", "");
+  ASSERT_EQ(symlink("f", directory.File("symbolic").c_str()), 0);
+  ASSERT_EQ(link(path.c_str(), directory.File("hard").c_str()), 0);
+  const OutputFile file(path, FilePrivacy::kPublic);
+  for (const std::string& name :
+       {path, directory.path() + "/./f", directory.File("symbolic"), directory.File("hard")}) {
+    EXPECT_TRUE(file.IsSameAs(OutputFile(name, FilePrivacy::kPublic))) << name;
+  }
+  EXPECT_FALSE(file.IsSameAs(OutputFile(directory.File("other"), FilePrivacy::kPublic)));
+}
+
+TEST(OutputFile, MayBeADeviceTwice) {
+  const OutputFile file("/dev/null", FilePrivacy::kPublic);
+  EXPECT_FALSE(file.IsSameAs(OutputFile("/dev/null", FilePrivacy::kPublic)));
+}
+
+TEST(MakeDirectories, MakesWhatIsMissingForItsOwnerOrForAll) {
+  for (const mode_t mask : {0000U, 0022U, 0027U, 0077U}) {
+    SCOPED_TRACE(mask);
+    const TempDirectory directory;
+    const UmaskFor umask_(mask);
+    MakeDirectories(directory.File("a/public"), FilePrivacy::kPublic);
+    MakeDirectories(directory.File("b/c/secret"), FilePrivacy::kSecret);
+    for (const char* name : {"a", "a/public", "b", "b/c"}) {
+      EXPECT_EQ(FileMode(directory.File(name)), 0755U & ~mask) << name;
+    }
+    EXPECT_EQ(FileMode(directory.File("b/c/secret")), 0700U & ~mask);
   }
 }
 
-TEST(WriteText, KeepsNoCopyOfASecretInABuffer) {
+TEST(MakeDirectories, LeavesADirectoryThatIsThereAsItIs) {
   const TempDirectory directory;
-  const FilePtr file = OpenForWriting(directory.File("f"), FilePrivacy::kSecret);
-  ASSERT_TRUE(file);
-  ASSERT_TRUE(WriteText("secret", file.get()));
-  EXPECT_EQ(ReadFile(directory.File("f")), "secret");
+  MakeDirectories(directory.File("d"), FilePrivacy::kPublic);
+  ASSERT_EQ(chmod(directory.File("d").c_str(), 0705), 0);
+  ASSERT_EQ(symlink("d", directory.File("link").c_str()), 0);
+  for (const char* name : {"d", "d/", "d/.", "d/../d", "link", "link/", "d//"}) {
+    EXPECT_NO_THROW(MakeDirectories(directory.File(name), FilePrivacy::kSecret)) << name;
+  }
+  EXPECT_EQ(FileMode(directory.File("d")), 0705U);
 }
 
-TEST(WriteText, FailsWhenTheDiskTakesNothing) {
-  const FilePtr file = OpenForWriting("/dev/full", FilePrivacy::kSecret);
-  ASSERT_TRUE(file);
-  EXPECT_FALSE(WriteText("x", file.get()));
-}
-
-TEST(CloseFile, FailsWhenTheDiskDoesNotTakeWhatWasBuffered) {
-  FilePtr file = OpenForWriting("/dev/full", FilePrivacy::kPublic);
-  ASSERT_TRUE(file);
-  EXPECT_TRUE(WriteText("x", file.get()));
-  EXPECT_FALSE(CloseFile(std::move(file)));
-}
-
-/// Writes "first" and "second" to a new file of which the disk takes `room`
-/// bytes; false when either part or the closing fails.
-bool WriteInParts(const std::string& path, FilePrivacy privacy, rlim_t room) {
-  FilePtr file = OpenForWriting(path, privacy);
-  const FileSizeLimit limit(room);
-  const bool first = WriteText("first", file.get());
-  const bool second = WriteText("second", file.get());
-  const bool closed = CloseFile(std::move(file));
-  return first && second && closed;
-}
-
-TEST(WriteText, OrTheClosingFailsWhenTheDiskTakesTheFirstPartAlone) {
-  const TempDirectory directory;
-  const std::string path = directory.File("f");
-  for (const FilePrivacy privacy : kBoth) {
-    EXPECT_FALSE(WriteInParts(path, privacy, 5));
-    EXPECT_EQ(ReadFile(path), "first");
-    EXPECT_FALSE(WriteInParts(path, privacy, 10));
-    EXPECT_EQ(ReadFile(path), "firstsecon");
-    EXPECT_TRUE(WriteInParts(path, privacy, 11));
-    EXPECT_EQ(ReadFile(path), "firstsecond");
+/// What making `path` fails with, without the path; "" when it does not fail.
+std::string ReasonAgainst(const std::string& path) {
+  try {
+    MakeDirectories(path, FilePrivacy::kPublic);
+    return "";
+  } catch (const boost::filesystem::filesystem_error& failure) {
+    EXPECT_EQ(std::string(failure.what()).rfind("boost::filesystem::create_directories: ", 0), 0U);
+    return failure.code().message() + " " + failure.path1().string();
   }
 }
 
-TEST(WriteText, FailsAtOnceForTheSecondPartOfASecret) {
+TEST(MakeDirectories, SaysWhatStandsInTheWay) {
   const TempDirectory directory;
-  const FilePtr file = OpenForWriting(directory.File("f"), FilePrivacy::kSecret);
-  const FileSizeLimit limit(5);
-  EXPECT_TRUE(WriteText("first", file.get()));
-  EXPECT_FALSE(WriteText("second", file.get()));
+  const std::string file = directory.Write("file", "");
+  ASSERT_EQ(symlink("nowhere", directory.File("link").c_str()), 0);
+  const std::string longName = directory.File(std::string(300, 'a'));
+  EXPECT_EQ(ReasonAgainst(file), "File exists " + file);
+  EXPECT_EQ(ReasonAgainst(file + "/a"), "Not a directory " + file + "/a");
+  EXPECT_EQ(ReasonAgainst(directory.File("link")), "File exists " + directory.File("link"));
+  EXPECT_EQ(ReasonAgainst(directory.File("link/a")), "File exists " + directory.File("link"));
+  EXPECT_EQ(ReasonAgainst(longName), "File name too long " + longName);
+  EXPECT_EQ(ReasonAgainst(""), "No such file or directory ");
 }
 
 }  // namespace

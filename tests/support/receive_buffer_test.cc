@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -10,7 +11,7 @@ namespace corvel::storage::support {
 namespace {
 
 constexpr std::size_t kMebibyte = 1u << 20;
-constexpr std::size_t kLongestAnswer = 64 * kMebibyte;
+constexpr std::size_t kLongestAnswer = 256 * kMebibyte;
 
 void ExpectEmpty(const ReceiveBuffer& buffer) {
   EXPECT_EQ(buffer.data, nullptr);
@@ -61,7 +62,7 @@ TEST(ReceiveBuffer, KeepsItsContentWhileItGrows) {
 TEST(ReceiveBuffer, TakesAnAnswerOfTheGreatestLength) {
   ReceiveBuffer buffer;
   const std::string part(16 * kMebibyte, 'x');
-  for (int count = 0; count < 4; ++count) Append(part, &buffer);
+  for (int count = 0; count < 16; ++count) Append(part, &buffer);
   EXPECT_EQ(buffer.size, kLongestAnswer);
   EXPECT_EQ(buffer.data[kLongestAnswer], '\0');
   EXPECT_TRUE(buffer.Append("", 0));
@@ -104,6 +105,39 @@ TEST(ReceiveBuffer, HandsItsBlockOver) {
   EXPECT_STREQ(block, "text");
   std::free(block);
   EXPECT_EQ(buffer.TakeData(), nullptr);
+}
+
+TEST(ReceiveBuffer, TakesNothingBehindItsDeadline) {
+  ReceiveBuffer buffer;
+  buffer.deadline = std::chrono::steady_clock::now() + std::chrono::hours(1);
+  Append("text", &buffer);
+  buffer.deadline = std::chrono::steady_clock::now() - std::chrono::seconds(1);
+  EXPECT_FALSE(buffer.Append("x", 1));
+  ExpectEmpty(buffer);
+}
+
+TEST(HeaderCallback, CountsWhatItDoesNotKeep) {
+  ReceiveBuffer buffer;
+  char line[] = "X: y\r\n";
+  EXPECT_EQ(header_callback(line, 1, 6, &buffer), 6U);
+  EXPECT_EQ(header_callback(line, 3, 2, &buffer), 6U);
+  EXPECT_EQ(buffer.headerBytes, 12U);
+  ExpectEmpty(buffer);
+}
+
+TEST(HeaderCallback, EndsTheTransferBehindAMebibyte) {
+  ReceiveBuffer buffer;
+  std::string lines(kMebibyte - 1, 'x');
+  EXPECT_EQ(header_callback(lines.data(), 1, lines.size(), &buffer), lines.size());
+  EXPECT_EQ(header_callback(lines.data(), 1, 1, &buffer), 1U);
+  EXPECT_EQ(header_callback(lines.data(), 1, 1, &buffer), 0U);
+}
+
+TEST(HeaderCallback, EndsTheTransferBehindTheDeadline) {
+  ReceiveBuffer buffer;
+  buffer.deadline = std::chrono::steady_clock::now() - std::chrono::seconds(1);
+  char line[] = "X: y\r\n";
+  EXPECT_EQ(header_callback(line, 1, 6, &buffer), 0U);
 }
 
 TEST(DataCallback, AppendsAndTerminates) {

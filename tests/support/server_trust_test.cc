@@ -134,6 +134,30 @@ TEST_F(ServerCertificateFileTest, IsNoneWhenThereIsNoSuchFile) {
   }
 }
 
+TEST_F(ServerCertificateFileTest, IsFoundHoweverTheNameIsWritten) {
+  const std::string path = directory.Write("spa.example.org.pem", "");
+  for (const char* url : {"https://SPA.example.ORG/", "https://spa.example.org./",
+                          "vrmo://Spa.Example.Org.:1/", "https://SPA.EXAMPLE.ORG.:8443/ws"}) {
+    EXPECT_EQ(ServerCertificateFile(url), path) << url;
+  }
+  EXPECT_EQ(ServerCertificateFile("https://spa.example.org../"), "");
+}
+
+TEST_F(ServerCertificateFileTest, IsFirstLookedForAsTheNameWasTyped) {
+  directory.Write("spa.pem", "");
+  const std::string capitals = directory.Write("SPA.pem", "");
+  const std::string dotted = directory.Write("spa..pem", "");
+  EXPECT_EQ(ServerCertificateFile("https://SPA/"), capitals);
+  EXPECT_EQ(ServerCertificateFile("https://spa./"), dotted);
+  EXPECT_EQ(ServerCertificateFile("https://SPA./"), directory.File("spa.pem"));
+}
+
+TEST_F(ServerCertificateFileTest, HasAnAddressInBrackets) {
+  const std::string path = directory.Write("[fe80::a].pem", "");
+  EXPECT_EQ(ServerCertificateFile("https://[fe80::a]:443/"), path);
+  EXPECT_EQ(ServerCertificateFile("https://[FE80::A]/"), path);
+}
+
 TEST_F(ServerCertificateFileTest, TakesWhateverStandsUnderTheName) {
   directory.Write("spa.pem/in-a-directory", "");
   EXPECT_EQ(ServerCertificateFile("https://spa/"), directory.File("spa.pem"));

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -68,6 +69,16 @@ TEST(InitSupportLibraryDeathTest, PutsTheNullDeviceInPlaceOfClosedStandardStream
 
 TEST(InitSupportLibraryDeathTest, SwitchesCoreDumpsOff) {
   EXPECT_EXIT(CheckCoreDumps(), ExitedWithCode(kHolds), "");
+}
+
+[[noreturn]] void CheckDumps() {
+  if (prctl(PR_SET_DUMPABLE, 1) != 0) _exit(2);
+  Initialise();
+  _exit(prctl(PR_GET_DUMPABLE) == 0 ? kHolds : 1);
+}
+
+TEST(InitSupportLibraryDeathTest, KeepsOthersOutOfItsMemory) {
+  EXPECT_EXIT(CheckDumps(), ExitedWithCode(kHolds), "");
 }
 
 [[noreturn]] void CheckClosedConnection() {

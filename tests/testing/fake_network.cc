@@ -70,7 +70,7 @@ std::unique_ptr<tzregister::HttpTransfer> FakeTransport::Start(
     const tzregister::HttpRequest& request, tzregister::WebServiceBuffer* answer) {
   calls.push_back("start");
   SentRequest sent{
-      request.url, request.form != nullptr, {}, request.caFile, request.timeoutSeconds};
+      request.url, request.form != nullptr, {}, request.verification, request.timeoutSeconds};
   if (request.form != nullptr) sent.form.assign(request.form->begin(), request.form->end());
   requests.push_back(sent);
   if (onStart) onStart();

@@ -45,7 +45,7 @@ struct SentRequest {
   std::string url;
   bool hasForm = false;
   std::vector<std::pair<std::string, std::string>> form;  ///< in the order of sending
-  std::string caFile;
+  support::Verification verification;
   int timeoutSeconds = 0;
 };
 

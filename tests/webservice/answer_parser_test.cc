@@ -278,7 +278,7 @@ TEST(ParseAnswerError, DropsEverythingBehindTheDescription) {
 
 /// Reads `bytes`, zero bytes and all, the way a received answer is read.
 Outcome ParseReceived(std::string bytes, RecordSet* records) {
-  WebService ws;
+  WebService ws{Network()};
   WebService::data_callback(bytes.data(), 1, bytes.size(), &ws.buffer);
   const Outcome parse = OutcomeOf([&] { return ws.parse(records); });
   EXPECT_EQ(std::string(ws.buffer.data, ws.buffer.size), bytes);
@@ -304,7 +304,7 @@ TEST(WebServiceParse, ReadsNothingBehindTheFirstZeroByte) {
 
 TEST(WebServiceParse, RefusesAnAnswerWithoutBytesSilently) {
   RecordSet records;
-  const WebService ws;
+  const WebService ws{Network()};
   const Outcome parse = OutcomeOf([&] { return ws.parse(&records); });
   ExpectError(parse, "");
   EXPECT_EQ(ParseReceived("", &records).result, -1);
@@ -312,7 +312,7 @@ TEST(WebServiceParse, RefusesAnAnswerWithoutBytesSilently) {
 
 TEST(WebServiceParse, ReportsThatThereIsNoMemoryForItsCopy) {
   std::string answer = "***BEGIN***\n1\na\nS\n" + std::string(1 << 20, 'x') + "\n";
-  WebService ws;
+  WebService ws{Network()};
   WebService::data_callback(answer.data(), 1, answer.size(), &ws.buffer);
   RecordSet records;
   const Outcome parse = OutcomeOf([&] {

@@ -432,7 +432,7 @@ TEST(CatalogOperations, UseTheStoredCredentialsAndTheChannel) {
 
 TEST(CatalogOperations, FailWhenTheChannelsReplyIsLongerThanIsKept) {
   FakeNetwork fake;
-  fake.channel.text = kEmptyTable + std::string(std::size_t{64} << 20, 'x');
+  fake.channel.text = kEmptyTable + std::string(std::size_t{256} << 20, 'x');
   WSCataProxy proxy(Options({}), fake.network);
   proxy.StoreCredentials("vrmo://h", "joe", support::Secret("pw"), "/k");
   ExpectFailure(OutcomeOf([&] { proxy.DiscoverStoragePool(); }), kCallFailed, kNotParsed);

@@ -25,7 +25,7 @@ using ::testing::ElementsAre;
 using ::testing::Pair;
 
 constexpr long kStaleCode = 999;
-constexpr std::size_t kLongestAnswer = std::size_t{64} << 20;
+constexpr std::size_t kLongestAnswer = std::size_t{256} << 20;
 
 /// A request over fakes. The server's certificate is not looked for.
 struct Request {
@@ -57,7 +57,7 @@ constexpr char kTimedOut[] = "Webservice call timed out. (curl call did not)\n";
 constexpr char kNetworkError[] = "Network error during webservice call\n";
 
 TEST(WebService, StartsWithItsDefaults) {
-  const WebService ws;
+  const WebService ws{Network()};
   EXPECT_TRUE(ws.fields.empty());
   EXPECT_FALSE(ws.hasFields);
   EXPECT_EQ(ws.buffer.data, nullptr);
@@ -69,7 +69,7 @@ TEST(WebService, StartsWithItsDefaults) {
 }
 
 TEST(WebServiceField, KeepsNamesInByteOrder) {
-  WebService ws;
+  WebService ws{Network()};
   EXPECT_EQ(ws.field("type", "t"), 0);
   EXPECT_EQ(ws.field("action", "a"), 0);
   EXPECT_EQ(ws.field("hostName", "h"), 0);
@@ -79,7 +79,7 @@ TEST(WebServiceField, KeepsNamesInByteOrder) {
 }
 
 TEST(WebServiceField, KeepsTheFirstValueOfAName) {
-  WebService ws;
+  WebService ws{Network()};
   ws.field("a", "first");
   EXPECT_EQ(ws.field("a", "second"), 0);
   EXPECT_EQ(ws.field("a", 3), 0);
@@ -87,7 +87,7 @@ TEST(WebServiceField, KeepsTheFirstValueOfAName) {
 }
 
 TEST(WebServiceField, CopiesItsTexts) {
-  WebService ws;
+  WebService ws{Network()};
   std::string name = "name";
   std::string value = "value";
   ws.field(name.c_str(), value.c_str());
@@ -96,7 +96,7 @@ TEST(WebServiceField, CopiesItsTexts) {
 }
 
 TEST(WebServiceField, WritesNumbersInDecimal) {
-  WebService ws;
+  WebService ws{Network()};
   ws.field("a", -5);
   ws.field("b", std::int64_t{0});
   ws.field("c", std::numeric_limits<std::int64_t>::max());
@@ -335,33 +335,44 @@ TEST(WebServiceWait, KeepsItsDeadlineWithoutEverSleeping) {
 
 // Which certificate the server is verified by.
 
-/// The certificate file of a request to `url`, without the directory.
-std::string CaFileFor(const std::string& url, const char* verify) {
+/// How a request to `url` verifies its server, in words; the certificate file
+/// stands without its directory.
+std::string VerificationFor(const std::string& url, const char* verify) {
   const TempDirectory plugins;
   plugins.Write("known.pem", "");
   const ScopedEnvironment directory("QUORVEX_PLUGIN_PATH", plugins.path().c_str());
   Request request;
-  const ScopedEnvironment verification("QUORVEX_SSL_VERIFY", verify);
+  const ScopedEnvironment variable("QUORVEX_SSL_VERIFY", verify);
   request.ws.url = url;
   request.fake.http.Answer("text");
   ExpectSuccess(request.Get());
-  const std::string file = request.fake.http.requests.at(0).caFile;
+  const support::Verification& verification = request.fake.http.requests.at(0).verification;
+  static const char* const kWords[] = {"unverified", "file", "file only", "system"};
   const std::string prefix = plugins.path() + "/";
-  return file.rfind(prefix, 0) == 0 ? file.substr(prefix.size()) : file;
+  const std::string& file = verification.caFile;
+  return std::string(kWords[static_cast<int>(verification.trust)]) + " " +
+         (file.rfind(prefix, 0) == 0 ? file.substr(prefix.size()) : file);
 }
 
 TEST(WebServiceGet, VerifiesTheServerByItsFileInThePluginDirectory) {
-  EXPECT_EQ(CaFileFor("https://known:8443/p", nullptr), "known.pem");
-  EXPECT_EQ(CaFileFor("http://known/p", "1"), "known.pem");
+  EXPECT_EQ(VerificationFor("https://known:8443/p", nullptr), "file known.pem");
+  EXPECT_EQ(VerificationFor("https://KNOWN./p", "1"), "file known.pem");
+  EXPECT_EQ(VerificationFor("http://known/p", "1"), "file known.pem");
 }
 
 TEST(WebServiceGet, DoesNotVerifyAServerWithoutAFile) {
-  EXPECT_EQ(CaFileFor("https://other/p", nullptr), "");
-  EXPECT_EQ(CaFileFor("https://", nullptr), "");
+  EXPECT_EQ(VerificationFor("https://other/p", nullptr), "unverified ");
+  EXPECT_EQ(VerificationFor("https://", nullptr), "unverified ");
 }
 
 TEST(WebServiceGet, DoesNotVerifyWhenVerificationIsOff) {
-  EXPECT_EQ(CaFileFor("https://known/p", "0"), "");
+  EXPECT_EQ(VerificationFor("https://known/p", "0"), "unverified ");
+}
+
+TEST(WebServiceGet, VerifiesEveryServerWhenThatIsRequired) {
+  EXPECT_EQ(VerificationFor("https://known/p", "required"), "file only known.pem");
+  EXPECT_EQ(VerificationFor("https://other/p", "required"), "system ");
+  EXPECT_EQ(VerificationFor("https://other/p", "Required"), "unverified ");
 }
 
 // The channel.

@@ -35,7 +35,8 @@ const Thrown kBadFile{16, 7, "WSCataProxy", "Required parameter passwdfile not v
 
 /// A proxy over `arguments`, and a request that it is to set up.
 struct Preparation {
-  explicit Preparation(const std::vector<std::string>& arguments) : proxy(Options(arguments)) {}
+  explicit Preparation(const std::vector<std::string>& arguments)
+      : proxy(Options(arguments), Network()) {}
 
   Outcome Prepare() {
     return OutcomeOf([&] { proxy.PPrepareWebService(&ws, "ws_page.php"); });
@@ -46,7 +47,7 @@ struct Preparation {
   }
 
   WSCataProxy proxy;
-  WebService ws;
+  WebService ws{Network()};
 };
 
 TEST(PPrepareWebService, TakesAddressAndCredentialsFromTheOptions) {
@@ -86,7 +87,7 @@ TEST(PPrepareWebService, AppendsThePageUnlessTheAddressIsTheChannels) {
 }
 
 TEST(PPrepareWebService, RefusesAMissingRequestBeforeItReadsAnything) {
-  const WSCataProxy proxy(Options({"--passwdfile", "/nonexistent/passwd"}));
+  const WSCataProxy proxy(Options({"--passwdfile", "/nonexistent/passwd"}), Network());
   ExpectFailure(OutcomeOf([&] { proxy.PPrepareWebService(nullptr, "ws_page.php"); }),
                 {16, 7, "WSCataProxy", "missing ws"});
 }
@@ -241,10 +242,10 @@ TEST(StoredCredentials, CountAsNoneWithoutAUrl) {
 }
 
 TEST(StoredCredentials, ServeEveryCall) {
-  WSCataProxy proxy(Options({}));
+  WSCataProxy proxy(Options({}), Network());
   proxy.StoreCredentials("http://stored", "l", support::Secret("stored-pw"), "k");
   for (int call = 0; call < 2; ++call) {
-    WebService ws;
+    WebService ws{Network()};
     proxy.PPrepareWebService(&ws, "p");
     EXPECT_EQ(ws.fields["passwd"], "stored-pw");
   }
@@ -261,7 +262,7 @@ TEST(StoredCredentials, LeaveNoPasswordBehindWhenOthersComeOrTheProxyGoes) {
   for (const std::size_t length : {12U, 60U}) {
     const DisguisedSecret first(length);
     const DisguisedSecret second(length);
-    auto proxy = std::make_unique<WSCataProxy>(Options({}));
+    auto proxy = std::make_unique<WSCataProxy>(Options({}), Network());
     StorePassword(first, proxy.get());
     EXPECT_EQ(first.Copies(), 1U);
     StorePassword(second, proxy.get());

@@ -45,6 +45,7 @@ _NOT_ALLOWED = (
 
 _HOSTS = "127.0.0.1 localhost\n"
 _NAME_SERVICE = "passwd: files\ngroup: files\nhosts: files\n"
+_ALL_ADDRESSES_OF_A_NAME = "multi on\n"
 
 
 @dataclass(frozen=True)
@@ -102,13 +103,15 @@ class Host:
 
     `work` is seen by the tool under the same path and is its current
     directory; `etc_quorvex` is its "/etc/quorvex". `program` is the path under
-    which the tool sees itself.
+    which the tool sees itself. Whatever is `shown` keeps its path, too, and may
+    be written to.
     """
 
     def __init__(self, directory: Path, program: str = DEFAULT_PROGRAM) -> None:
         self.program = program
         self.environment: dict[str, str] = {}
         self.small_disks: dict[str, int] = {}
+        self.shown: list[Path] = []
         self.work = directory / "work"
         self.etc_quorvex = directory / "etc-quorvex"
         self._files = directory / "machine"
@@ -121,6 +124,7 @@ class Host:
             made.mkdir(parents=True)
         (self._files / "hosts").write_text(_HOSTS)
         (self._files / "nsswitch.conf").write_text(_NAME_SERVICE)
+        (self._files / "host.conf").write_text(_ALL_ADDRESSES_OF_A_NAME)
 
     def install_registry(self, text: bytes) -> None:
         """Gives the machine a "/etc/qxregistry.cfg" with this text."""
@@ -153,6 +157,11 @@ class Host:
         """Replaces the machine's "/etc/ssl" (trusted authorities, OpenSSL's settings)."""
         self._ssl = directory
 
+    def name_address(self, name: str, address: str) -> None:
+        """Lets the machine know another host by name."""
+        with open(self._files / "hosts", "a", encoding="ascii") as hosts:
+            hosts.write(f"{address} {name}\n")
+
     def set_name(self, name: str) -> None:
         """Gives the machine a host name of its own."""
         self._name = name
@@ -176,7 +185,7 @@ class Host:
         being its "$@": for runs that need a preparation, another standard
         output or a look at a disk that vanishes.
         """
-        command = [self.program, *arguments]
+        command = [*_run_under(), self.program, *arguments]
         if shell is not None:
             command = ["/bin/sh", "-c", shell, "sh", *command]
         done = subprocess.run(
@@ -200,7 +209,7 @@ class Host:
         options += [*_system_directories(), "--proc", "/proc", "--dev", "/dev", "--dir", "/tmp"]
         options += self._etc()
         options += ["--ro-bind", str(binary()), self.program]
-        for path in (self.work, *_writable_outside()):
+        for path in (self.work, *self.shown, *_writable_outside()):
             options += ["--bind", str(path), str(path)]
         for mount_point, size in self.small_disks.items():
             options += ["--size", str(size), "--tmpfs", mount_point]
@@ -214,7 +223,7 @@ class Host:
         options: list[str] = []
         for name in _SHARED_ETC:
             options += ["--ro-bind-try", f"/etc/{name}", f"/etc/{name}"]
-        for name in ("hosts", "nsswitch.conf"):
+        for name in ("hosts", "nsswitch.conf", "host.conf"):
             options += ["--ro-bind", str(self._files / name), f"/etc/{name}"]
         options += ["--ro-bind", str(self._ssl), "/etc/ssl"]
         options += ["--bind", str(self.etc_quorvex), "/etc/quorvex"]
@@ -230,6 +239,11 @@ class Host:
         """The run's whole environment."""
         passed_on = {name: os.environ[name] for name in _PASSED_ON if name in os.environ}
         return {"PATH": "/usr/bin:/bin", "LANG": "C.UTF-8", **passed_on, **self.environment, **more}
+
+
+def _run_under() -> Sequence[str]:
+    """The program that watches the runs, if any, with its options."""
+    return os.environ.get("TZREGISTER_RUN_UNDER", "").split()
 
 
 def _writable_outside() -> Sequence[Path]:
