@@ -54,6 +54,7 @@ def _entry(text: str) -> Entry:
     """One entry from its text, which begins with the message."""
     heading, *lines = text.partition("\n## ")[0].rstrip("\n").split("\n")
     entry = Entry(heading[1:-1])
+    name = ""
     assert heading == f"`{entry.message}`", heading
     name = ""
     for line in filter(None, lines):

@@ -1,0 +1,10 @@
+# Builds for arm64 on amd64, with Debian's cross compiler and multiarch libraries.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
+set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+set(CMAKE_STRIP aarch64-linux-gnu-strip)
+set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY BOTH)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64-static)
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
