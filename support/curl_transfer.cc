@@ -76,6 +76,11 @@ bool Form::Add(const char* name, const char* value) {
   return added;
 }
 
+bool StartCurl() {
+  static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+  return result != CURLE_OUT_OF_MEMORY;
+}
+
 bool ConfigureTransfer(CURL* handle, const TransferSettings& settings) {
   OptionSetter setter(handle);
   setter.Set(CURLOPT_URL, settings.url.c_str());

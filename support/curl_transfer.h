@@ -59,6 +59,12 @@ struct ChannelPost {
   curl_slist* headers = nullptr;
 };
 
+/// Brings libcurl up; to be called before anything else of it that this file
+/// names. Not done at the start of the process because most of what it takes is
+/// for TLS, and not every run makes a request. Calls after the first do nothing.
+/// False when memory is short; nothing of libcurl may be used then.
+bool StartCurl();
+
 /// Applies `settings` to `handle`; with the two functions below the one place
 /// where libcurl is configured. Whatever is not named here keeps libcurl's default:
 /// proxies by environment, no redirects followed.
