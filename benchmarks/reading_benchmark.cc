@@ -8,13 +8,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "benchmarks/corpora.h"
 #include "benchmarks/peers.h"
 #include "config/config_file.h"
+#include "support/text_stream.h"
 #include "webservice/answer_parser.h"
 #include "webservice/webservice.h"
 
@@ -25,7 +25,7 @@ constexpr std::size_t kMegabyte = 1000000;
 
 std::size_t ReadConfigFile(const std::string& text) {
   tzconfig::TZConfig config;
-  std::istringstream in(text);
+  support::TextReader in(text);
   tzconfig::TZConfigFile("", "").LoadConfig(&in, &config);
   return config.SectionOrder().size();
 }
@@ -33,11 +33,11 @@ std::size_t ReadConfigFile(const std::string& text) {
 std::size_t RewriteConfigFile(const std::string& text) {
   tzconfig::TZConfig config;
   const tzconfig::TZConfigFile file("", "");
-  std::istringstream in(text);
+  support::TextReader in(text);
   file.LoadConfig(&in, &config);
-  std::ostringstream out;
+  support::TextWriter out;
   file.DumpConfig(&out, &config);
-  return out.str().size();
+  return out.text().size();
 }
 
 std::size_t ReadRecords(const std::string& text) {
@@ -110,7 +110,7 @@ std::string Named(const char* name, std::size_t size) {
 }
 
 void AddPeers(std::vector<Row>* rows) {
-  for (const std::size_t size : {kMegabyte, 10 * kMegabyte}) {
+  for (const std::size_t size : {kMegabyte / 10, kMegabyte, 10 * kMegabyte, 100 * kMegabyte}) {
     const auto file = Shared([=] { return ConfigFile(size); });
     rows->push_back({Named("read/tzregister", size), ReadConfigFile, file});
     rows->push_back({Named("read/SimpleIni", size), ReadWithSimpleIni, file});
