@@ -77,8 +77,7 @@ bool Form::Add(const char* name, const char* value) {
 }
 
 bool StartCurl() {
-  static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
-  return result != CURLE_OUT_OF_MEMORY;
+  return curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OUT_OF_MEMORY;
 }
 
 bool ConfigureTransfer(CURL* handle, const TransferSettings& settings) {
