@@ -14,7 +14,7 @@ import json
 import subprocess
 import sys
 from pathlib import Path
-from typing import Any, Callable, Mapping, Sequence
+from typing import Any, Callable, Mapping, Optional, Sequence
 
 import report
 
@@ -51,12 +51,13 @@ class Bench:
         """Times of the texts in question, all of them once for each repetition."""
         command = [str(self.build / "reading_benchmark"), "--benchmark_format=json"]
         command += [f"--benchmark_filter={which}", f"--benchmark_min_time={seconds}"]
-        runs = [json.loads(_output(command))["benchmarks"] for _ in range(repetitions)]
+        # Its account of the machine, on standard error, names the host.
+        runs = [json.loads(_output(command, stderr=subprocess.DEVNULL))["benchmarks"] for _ in range(repetitions)]
         return [{**row, "repetition": number} for number, rows in enumerate(runs) for row in rows]
 
 
-def _output(command: Sequence[str]) -> str:
-    return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=True).stdout
+def _output(command: Sequence[str], stderr: Optional[int] = None) -> str:
+    return subprocess.run(command, stdout=subprocess.PIPE, stderr=stderr, text=True, check=True).stdout
 
 
 def _one_run(bench: Bench) -> list[Row]:

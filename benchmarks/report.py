@@ -205,7 +205,7 @@ def tables(results: Results) -> str:
 def machine() -> str:
     """What kind of machine this is, and the versions that matter."""
     system = platform.freedesktop_os_release()["PRETTY_NAME"]
-    names = ("libcurl4", "libssl3", "libsimpleini1", "libinih1", "libiniparser1", "libboost1.74-dev", "g++-12")
+    names = ("curl", "openssl", "g++", "libsimpleini-dev", "libinih1", "libiniparser1", "libboost1.74-dev")
     query = ["dpkg-query", "-W", "-f", "${Package} ${Version}, ", *names]
     versions = subprocess.run(query, capture_output=True, text=True, check=False).stdout.rstrip(", ")
     return f"{os.cpu_count()} cores, {system}, Linux {platform.release().split('-')[0]}; {versions}."
