@@ -21,8 +21,8 @@ import report
 HERE = Path(__file__).resolve().parent
 REQUESTS = ["--only", "discover", "--only", "register", "--only", "createds"]
 ANSWERS = ["--only", " MB"]
-# Over a long link: what the table of large answers compares.
-LONG_LINK = [part for size in (1, 10, 60) for part in ("--only", f"{size} MB answer, HTTP")]
+# Over the other links: what the table of large answers compares.
+COMPARED = [part for size in (1, 10, 60, 100, 200) for part in ("--only", f"{size} MB answer, HTTP")]
 RACES = "20"
 PARTS_OF_READING = ("^(read|config|records)/", "^one_value/", "^shape/")
 REPETITIONS = 5
@@ -83,8 +83,12 @@ def _link(bench: Bench) -> list[Row]:
     return requests + bench.passes("--round-trip-ms", "20", *ANSWERS)
 
 
+def _as_root(bench: Bench) -> list[Row]:
+    return [] if bench.quick else bench.passes("--round-trip-ms", "20", "--as-root", *COMPARED)
+
+
 def _long_link(bench: Bench) -> list[Row]:
-    return [] if bench.quick else bench.passes("--round-trip-ms", "100", *LONG_LINK)
+    return [] if bench.quick else bench.passes("--round-trip-ms", "100", "--as-root", *COMPARED)
 
 
 STEPS: Mapping[str, Step] = {
@@ -92,7 +96,8 @@ STEPS: Mapping[str, Step] = {
     "reading": _reading,
     "passes-loopback": _loopback,
     "passes-20ms": _link,
-    "passes-100ms": _long_link,
+    "passes-20ms-root": _as_root,
+    "passes-100ms-root": _long_link,
 }
 
 

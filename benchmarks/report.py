@@ -41,7 +41,7 @@ LEAST_SPEED = {
 }
 LEAST_GROWTH = 0.8
 MOST_HEAP = 12.0
-LINKS = {"passes-loopback": "loopback", "passes-20ms": "20 ms", "passes-100ms": "100 ms"}
+LINKS = {"passes-loopback": "loopback", "passes-20ms": "20 ms", "passes-20ms-root": "20 ms, root", "passes-100ms-root": "100 ms, root"}
 
 
 def table(head: Sequence[str], rows: Iterable[Sequence[object]]) -> str:

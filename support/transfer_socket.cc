@@ -12,8 +12,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// What may arrive while nobody reads. The kernel grants half of the maximum of
-/// net.ipv4.tcp_rmem, 3 MiB where nobody changed it.
+/// What may arrive while nobody reads. Without CAP_NET_ADMIN the kernel grants half
+/// of the maximum of net.ipv4.tcp_rmem, 3 MiB where nobody changed it.
 constexpr int kReceiveBytes = 16 << 20;
 
 /// What may be handed over for sending at once: any form whose values came by the
@@ -35,6 +35,7 @@ int OpenSocket(const curl_sockaddr& address) {
   // where nobody changed it, and keeps the kernel from widening any further.
   SetSize(socket, SO_RCVLOWAT, kReceiveBytes);
   SetSize(socket, SO_RCVLOWAT, 1);
+  SetSize(socket, SO_RCVBUFFORCE, kReceiveBytes);
   SetSize(socket, SO_SNDBUF, kSendBytes);
   return socket;
 }

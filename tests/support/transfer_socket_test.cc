@@ -138,6 +138,15 @@ TEST_F(TransferSocket, HasRoomForWhatArrivesAndLeavesBetweenTwoPolls) {
   }
 }
 
+TEST_F(TransferSocket, HasAllTheRoomThatThisProcessMayTake) {
+  constexpr int kBytes = 16 << 20;
+  const Descriptor plain(socket(AF_INET, SOCK_STREAM, 0));
+  setsockopt(plain.number(), SOL_SOCKET, SO_RCVBUFFORCE, &kBytes, sizeof(kBytes));
+  port.Listen(0);
+  const Descriptor connected(Open());
+  EXPECT_GE(connected.Option(SO_RCVBUF), plain.Option(SO_RCVBUF));
+}
+
 TEST_F(TransferSocket, NeitherBlocksNorPassesToChildProcesses) {
   port.Listen(1);
   const Descriptor socket(Open());
