@@ -76,9 +76,7 @@ bool Form::Add(const char* name, const char* value) {
   return added;
 }
 
-bool StartCurl() {
-  return curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OUT_OF_MEMORY;
-}
+bool StartCurl() { return curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OUT_OF_MEMORY; }
 
 bool ConfigureTransfer(CURL* handle, const TransferSettings& settings) {
   OptionSetter setter(handle);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/socket.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -145,6 +146,9 @@ TEST_F(TransferSocket, HasAllTheRoomThatThisProcessMayTake) {
   port.Listen(0);
   const Descriptor connected(Open());
   EXPECT_GE(connected.Option(SO_RCVBUF), plain.Option(SO_RCVBUF));
+  // Whether it is the kernel's default or was asked for, which may be the same size.
+  EXPECT_EQ(connected.Option(SO_BUF_LOCK) & SOCK_RCVBUF_LOCK,
+            plain.Option(SO_BUF_LOCK) & SOCK_RCVBUF_LOCK);
 }
 
 TEST_F(TransferSocket, NeitherBlocksNorPassesToChildProcesses) {
