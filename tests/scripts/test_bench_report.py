@@ -66,3 +66,10 @@ def test_a_speed_that_falls_with_size_is_marked(last: float, told: str) -> None:
 def test_a_plot_leaves_out_runs_that_failed() -> None:
     rows = [passes_row("1 MB answer, HTTP", 2, MB=1), passes_row("10 MB answer, HTTP", 60, MB=10, failed=1)]
     assert plots.series(rows, "answer, HTTP", "usual") == [(1, 2)]
+
+
+def test_whatever_is_marked_is_accounted_for() -> None:
+    page = report.table(["run", "peak"], [["a", "1"], ["20 MB answer, HTTP", "**4**"], ["an unknown", "**5**"]])
+    told = report.missed(page).splitlines()
+    assert [line.split(":")[0] for line in told] == ["- 20 MB answer, HTTP", "- an unknown"]
+    assert told[1].endswith("The reason is not known yet.")
