@@ -25,7 +25,7 @@ ANSWERS = ["--only", " MB"]
 COMPARED = [part for size in (1, 10, 60, 100, 200) for part in ("--only", f"{size} MB answer, HTTP")]
 RACES = "20"
 PARTS_OF_READING = ("^(read|config|records)/", "^one_value/", "^shape/")
-REPETITIONS = 5
+REPETITIONS = 3
 
 Row = dict[str, Any]
 Step = Callable[["Bench"], list[Row]]

@@ -110,7 +110,7 @@ std::string Named(const char* name, std::size_t size) {
 }
 
 void AddPeers(std::vector<Row>* rows) {
-  for (const std::size_t size : {kMegabyte / 10, kMegabyte, 10 * kMegabyte, 100 * kMegabyte}) {
+  for (const std::size_t size : {kMegabyte / 10, kMegabyte, 10 * kMegabyte}) {
     const auto file = Shared([=] { return ConfigFile(size); });
     rows->push_back({Named("read/tzregister", size), ReadConfigFile, file});
     rows->push_back({Named("read/SimpleIni", size), ReadWithSimpleIni, file});
