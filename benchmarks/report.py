@@ -55,7 +55,7 @@ WHY_MISSED = {
     "`openssl` needs nothing. A program that loaded libcurl by itself, when it must, would be another kind of program.",
     "| `discover`": "the program holds the C++ library, which the C program beside it has no use for; the rest is level.",
     "tuned map": "a value is four blocks on the heap (field, name, value, node), as the records are laid down to be; "
-    "the tuned map needs one or two. Nearly all the time goes into taking and freeing these blocks.",
+    "the tuned map needs one or two. These blocks are the memory, and nearly all the time goes into taking and freeing them.",
     "SimpleIni": "reading is level. SimpleIni keeps views of one text; each value here is a text of its own.",
     "plain map": "names are compared without regard to case by the system's function, twice for each option.",
     "MB answer, HTTP": "whoever may not widen the receive buffer gets 3 MiB a pause; root's column has the rest.",
@@ -239,7 +239,7 @@ def missed(tables_of_page: str) -> str:
         if line.startswith("|") and "**" in line:
             cells = [cell.strip() for cell in line.strip("|").split("|")]
             why = next((why for part, why in WHY_MISSED.items() if part in line), "The reason is not known yet.")
-            lines.append(f"- {' beside '.join(cell for cell in cells[:2] if cell and '**' not in cell)}: {why}")
+            lines.append(f"- {cells[0] or cells[1]}: {why}")
     return "\n".join(lines) if lines else "Nothing."
 
 
