@@ -75,8 +75,12 @@ def test_the_log_keeps_the_last_ten_thousand_requests(authority: Authority) -> N
 def test_the_file_does_not_grow_beyond_the_last_requests(authority: Authority) -> None:
     def file_after(requests: int) -> int:
         php(
-            "$store = Store::open($argv[1]); $store->atomically(function () use ($store, $argv): void {"
-            " for ($i = 0; $i < $argv[2]; ++$i) { $store->logRequest('p', 'a', 'l', ['n' => 'v'], 'done', '::1'); } });",
+            """$store = Store::open($argv[1]);
+            $store->atomically(function () use ($store, $argv): void {
+                for ($i = 0; $i < $argv[2]; ++$i) {
+                    $store->logRequest('page', 'action', 'login', ['name' => 'value'], 'done', '::1');
+                }
+            });""",
             str(authority.data),
             str(requests),
         )

@@ -41,7 +41,8 @@ def test_it_shows_what_is_there(authority: Authority) -> None:
         ["db01.example", "server agent", "6.6.0.12345"],
         ["web01.example", "agent", "6.6.0.12345"],
     ]
-    assert rows(shown, "accounts") == [["admin", "administrator", ""], ["agent2", "agent", "2"], ["agent1", "agent", "1"]]
+    agents = [["agent2", "agent", "2"], ["agent1", "agent", "1"]]
+    assert rows(shown, "accounts") == [["admin", "administrator", ""], *agents]
     assert rows(shown, "pools") == [["1", "Primary pool"], ["2", "Archive pool (Ghent|Lyon)"]]
     assert [row[:5] for row in rows(shown, "dataselections")] == [["1", "2", "ds", "3", "10 characters"]]
     assert [row[2:] for row in rows(shown, "requests")[:2]] == [
@@ -131,7 +132,8 @@ def test_the_page_may_load_only_what_it_holds(authority: Authority) -> None:
 def test_no_copy_is_kept_and_no_other_site_gets_at_it(authority: Authority, login: str | None) -> None:
     headers = authority.watch(login).headers
     assert headers["Cache-Control"] == "no-store" and headers["X-Content-Type-Options"] == "nosniff"
-    assert headers["Referrer-Policy"] == "no-referrer" and "frame-ancestors 'none'" in headers["Content-Security-Policy"]
+    assert headers["Referrer-Policy"] == "no-referrer"
+    assert "frame-ancestors 'none'" in headers["Content-Security-Policy"]
     assert headers["Cross-Origin-Resource-Policy"] == headers["Cross-Origin-Opener-Policy"] == "same-origin"
     assert headers["X-Powered-By"] is None
 
