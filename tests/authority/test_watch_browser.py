@@ -68,6 +68,8 @@ def test_it_fits_a_telephone_and_serves_a_keyboard(authority: Authority, browser
     assert '"Registered"' in browser.execute_script(headings)
     widths = "return [document.documentElement.scrollWidth, innerWidth]"
     assert browser.execute_script(widths) == [360, 360]
+    cut = "return [...document.querySelectorAll('td')].filter(cell => cell.scrollWidth > cell.clientWidth).length"
+    assert browser.execute_script(cut) == 0
     reached = []
     for _ in range(len(SECTIONS) + 1):
         browser.switch_to.active_element.send_keys(Keys.TAB)
