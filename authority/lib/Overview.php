@@ -65,11 +65,13 @@ final class Overview
         return self::frame(self::text(implode(', ', $told)), $counts, $sections);
     }
 
+    /** The one style that the page holds. */
     public static function style(): string
     {
         return file_get_contents(__DIR__ . '/watch.css');
     }
 
+    /** The one script that the page holds. */
     public static function script(): string
     {
         return file_get_contents(__DIR__ . '/watch.js');

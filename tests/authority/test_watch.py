@@ -6,13 +6,17 @@ import base64
 import hashlib
 import html
 import re
+import struct
 
 import pytest
 
 from harness.authority import Authority, Front, basic
+from harness.programs import AUTHORITY
 from harness.web import Reply, request
+from take_pictures import PICTURES
 
 MARKUP = "<img src=x onerror=alert(1)>\"'&amp;</td></script>"
+DOCS = AUTHORITY.parent / "docs"
 SECTIONS = ["requests", "agents", "dataselections", "accounts", "pools"]
 
 
@@ -159,3 +163,11 @@ def test_it_is_there_behind_tls(front: Front) -> None:
     headers = {"Authorization": basic("admin", front.authority.password)}
     shown = request(f"{front.url}/watch.php", None, headers, front.certificate)
     assert (shown.status, count(shown, "pools")) == (200, 2)
+
+
+def test_the_documentation_shows_its_pictures() -> None:
+    assert re.findall(r"!\[.+\]\((.+)\)", (DOCS / "monitoring.md").read_text()) == list(PICTURES)
+    for name, (width, height) in PICTURES.items():
+        picture = (DOCS / name).read_bytes()
+        size = struct.unpack(">II", picture[16:24])
+        assert picture.startswith(b"\x89PNG") and size == (width, height) and len(picture) < 200_000
