@@ -1,7 +1,7 @@
 """How many passes of the wait loop, and how much memory, a run takes.
 
     passes.py --tool build/release/tzregister [--round-trip-ms MS] [--runs N] [--parallel N]
-              [--only TEXT] [--list] [--as-root] [--own-windows]
+              [--only TEXT] [--list] [--unprivileged] [--own-windows]
 
 Each case runs the real tool against a server of its own, on loopback or over a
 link with delay. Needs root and /dev/net/tun for the link.
@@ -45,8 +45,6 @@ LOOPBACK_SLEEP_MS = "300"
 TIME_LIMIT_SECONDS = 150.0
 MEGABYTE = 1_000_000
 MEBIBYTE = 1 << 20
-# What lets root's tool take windows as wide as it wants.
-WINDOW_CAPABILITY = "CAP_NET_ADMIN"
 RULES = "include /home/some/directory\n"
 
 
@@ -174,14 +172,19 @@ class Bench:
         """One run of a case, in a directory of its own."""
         directory = Path(tempfile.mkdtemp(prefix=f"{number}-", dir=self.directory))
         try:
-            return self._run(case, port, Host(directory))
+            return self._run(case, port, self._host(directory))
         finally:
             shutil.rmtree(directory)
+
+    def _host(self, directory: Path) -> Host:
+        host = Host(directory)
+        if not self.options.unprivileged:
+            host.capabilities = ["CAP_NET_ADMIN"]
+        return host
 
     def _run(self, case: Case, port: int, host: Host) -> Outcome:
         address = slow_link.FAR_ADDRESS if case.serving.delayed else LOOPBACK
         host.name_address(SERVER_NAME, address)
-        host.capabilities = [WINDOW_CAPABILITY] * self.options.as_root
         authority = f"{SERVER_NAME if case.by_name else address}:{port}{case.below}"
         url = f"http{'s' if case.serving.tls else ''}://{authority}"
         environment = {} if case.serving.delayed else {"PASS_SLEEP_MS": LOOPBACK_SLEEP_MS}
@@ -249,7 +252,7 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--only", action="append", default=[], help="cases whose names hold this text")
     parser.add_argument("--list", action="store_true", help="name the cases and end")
     parser.add_argument("--parallel", type=int, default=5, help="runs of a case at the same time")
-    parser.add_argument("--as-root", action="store_true", help="with the capability that root's runs have")
+    parser.add_argument("--unprivileged", action="store_true", help="the tool has none of root's rights")
     parser.add_argument("--own-windows", action="store_true", help="TCP's windows as this machine has them")
     return parser.parse_args()
 

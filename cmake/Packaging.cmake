@@ -11,7 +11,8 @@ endif()
 configure_file(packaging/tzregister-enroll.service.in ${PROJECT_BINARY_DIR}/tzregister-enroll.service @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tzregister-enroll.service packaging/tzregister-enroll.timer
         DESTINATION ${TZREGISTER_UNIT_DIR})
-install(FILES packaging/cloud-init.yaml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES packaging/cloud-init.yaml deploy/prometheus/tzregister-enroll.rules.yml
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The authority for trying, as its own component.
