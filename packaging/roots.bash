@@ -76,6 +76,7 @@ at_once() {
   local -A children
   shift
   mkdir -p "$ROOTS"
+  trap 'kill "${children[@]}"; wait; exit 130' INT TERM
   for target in "$@"; do
     (set -e; "$function" "$target") >"$ROOTS/$function-$target.log" 2>&1 &
     children[$target]=$!
@@ -84,5 +85,6 @@ at_once() {
     wait "${children[$target]}" || status=1
     cat "$ROOTS/$function-$target.log"
   done
+  trap - INT TERM
   return "$status"
 }
