@@ -23,7 +23,7 @@ Upstream-Name: tzregister
 Upstream-Contact: {maintainer}
 
 Files: *
-Copyright: the authors of tzregister
+Copyright: 2026 the authors of tzregister
 License: {license}
  The licence is named here as the build of this package was told it. Where none is
  stated, ask whoever gave you the package what you may do with it.
