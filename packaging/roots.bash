@@ -11,10 +11,10 @@ fail() {
 }
 
 # in_root [--offline] ROOT [VARIABLE=VALUE...] COMMAND...: among processes and mounts that
-# end with it.
+# end with it. Offline there is nothing but loopback.
 in_root() {
   local apart=(unshare --mount --pid --fork --kill-child --mount-proc)
-  [[ $1 != --offline ]] || { apart+=(--net); shift; }
+  [[ $1 != --offline ]] || { apart+=(--net bash -euc 'ip link set lo up; exec "$@"' bash); shift; }
   # shellcheck disable=SC2016 # expanded by the inner shell
   "${apart[@]}" bash -euc '
     mount -t proc proc "$1/proc"
