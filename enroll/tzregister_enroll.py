@@ -391,7 +391,9 @@ def fingerprints_in(text: str) -> list[str]:
 
 
 def trust_in(file: Path) -> ssl.SSLContext:
-    """TLS settings that trust the certificates of this file and no others, as tzregister does."""
+    """TLS settings that trust what tzregister does: this file alone, without it the system's authorities."""
+    if not file.exists():
+        return ssl.create_default_context()
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
     context.load_verify_locations(file)
     context.verify_flags |= ssl.VERIFY_X509_PARTIAL_CHAIN
@@ -417,8 +419,10 @@ def handshake(address: Address, context: ssl.SSLContext) -> bytes:
 def distrust(address: Address, file: Path, failure: ssl.SSLCertVerificationError) -> str:
     """Says what the server shows and what the file holds."""
     shown = fingerprint(shown_certificate(address))
-    held = fingerprints_in(file.read_text("ascii", "replace"))
     said = f"{address.host} shows the certificate SHA-256 {shown}, and {failure.verify_message}"
+    if not file.exists():
+        return f"{said}; there is no {file}"
+    held = fingerprints_in(file.read_text("ascii", "replace"))
     if shown in held:
         return f"{said}, although {file} holds it"
     return f"{said}; {file} holds {len(held)}: {', '.join(held)}"
@@ -429,7 +433,7 @@ def look_at_server(url: str, file: Path) -> tuple[Kind, str]:
     address = parse_address(url)
     name = address.host.strip("[]")
     try:
-        if address.secure and file.exists():
+        if address.secure:
             handshake(address, trust_in(file))
         else:
             socket.create_connection((name, address.port), _CONNECT_SECONDS).close()
@@ -455,8 +459,10 @@ class Place:
     machine_id: Path
 
     def certificate_for(self, url: str) -> Path:
-        """The file by which the server of an address is verified."""
-        return self.certificates / f"{parse_address(url).host}.pem"
+        """The file by which the server of an address is verified; for the channel the one beside the key may serve."""
+        address = parse_address(url)
+        file, beside_key = self.certificates / f"{address.host}.pem", self.keydir / "ca.pem"
+        return beside_key if address.scheme == "vrmo" and beside_key.exists() and not file.exists() else file
 
     def beside(self, suffix: str) -> Path:
         """A file of this script's own next to the configuration file."""
@@ -754,7 +760,9 @@ class Enrolment:
     def must(self, step: str, *arguments: str) -> Answer:
         """A request of the administrator's account that has to succeed."""
         account = ("--url", self.options.url, "--login", self.options.login, "--passwdfile", self.options.passwdfile)
-        answer, kind, reason = self.request(step, self.options.url, *arguments, *account)
+        # Over the channel the server may be verified by a file there; elsewhere this would be a field of the request.
+        trust = ("--keydir", str(self.place.keydir)) if self.options.url.startswith("vrmo:") else ()
+        answer, kind, reason = self.request(step, self.options.url, *arguments, *account, *trust)
         if kind is not None:
             raise Stop(Status.REFUSED, f"{step}: {reason}")
         return answer
