@@ -180,9 +180,12 @@ class Machine:
     def switch_off(self) -> None:
         """Takes its power away: every process ends at once. The disk stays."""
         assert self.init is not None
-        os.kill(self._first(), 9)
+        first = Path(f"/proc/{self._first()}")
+        self.init.kill()
         for process in [self.init, *self.processes]:
             process.wait(PATIENCE_S)
+        until(lambda: not first.exists(), f"the end of {self.name}")
+        run("ip", "link", "delete", self._link)
         self.processes.clear()
         self.init = None
         shutil.rmtree(self.layer / "work")
