@@ -12,7 +12,7 @@ from machines import Machine, run
 
 ROOT = Path(__file__).resolve().parents[2]
 COLLECTION = ROOT / "deploy" / "ansible"
-_PLAY_SECONDS = 300
+_PLAY_SECONDS = 900
 
 
 def blocks() -> dict[str, str]:

@@ -29,7 +29,7 @@ REPOSITORY = "host02"  # installs from a repository
 THROTTLE = 3
 CONFIGURATION = "etc/quorvex/Agent.cfg"
 SECRET_DIRECTORY = "run/tzregister-role"
-PATIENCE_S = 120.0
+PATIENCE_S = 600.0  # for what a play does; a backstop
 
 _SERVICE = """\
 #!/bin/sh
