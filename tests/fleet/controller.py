@@ -40,9 +40,8 @@ class Outcome:
     @property
     def recap(self) -> dict[str, Counts]:
         """The recap by host."""
-        found = re.findall(
-            r"^(\S+) +: ok=\d+ +changed=(\d+) +unreachable=(\d+) +failed=(\d+)", self.output.rpartition("PLAY RECAP")[2], re.M
-        )
+        lines = self.output.rpartition("PLAY RECAP")[2]
+        found = re.findall(r"^(\S+) +: ok=\d+ +changed=(\d+) +unreachable=(\d+) +failed=(\d+)", lines, re.M)
         return {host: Counts(*map(int, counts)) for host, *counts in found}
 
     def changed(self) -> set[str]:

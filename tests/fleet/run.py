@@ -74,9 +74,9 @@ class Fleet:
 
     def _prepare(self, machine: Machine) -> None:
         machine.make_disk()
-        self._settle(machine)
+        self.settle(machine)
 
-    def _settle(self, machine: Machine) -> None:
+    def settle(self, machine: Machine) -> None:
         """Gives a machine with a disk its own identity and the way to the others."""
         machine.identify()
         names = f"127.0.0.1 localhost\n{machine.address} {machine.name}\n"
@@ -232,7 +232,7 @@ def trouble(fleet: Fleet, checks: Checks) -> None:
     """Hosts that cannot be registered fail once, and keep nobody else from it."""
     clone = Machine("clone", 30, fleet.folder)
     clone.clone_disk(fleet.machines["host01"])
-    fleet._settle(clone)
+    fleet.settle(clone)
     clone.switch_on()
     clone.serve_ssh()
     before, requests = fleet.states("clone"), fleet.authority.requests()
@@ -264,9 +264,8 @@ def cut_off(fleet: Fleet, checks: Checks) -> None:
     with fleet.watch.watching():
         play = fleet.controller.start("--limit", "host06,host07", "-e", "tzregister_force=true", "site.yml")
         registered = [("register", "done")]
-        until(
-            lambda: fleet.authority.requests_since(requests, "register") == registered * 2, "host07's account", PATIENCE_S
-        )
+        asked = fleet.authority.requests_since
+        until(lambda: asked(requests, "register") == registered * 2, "host07's account", PATIENCE_S)
         machine.cut()
         outcome = fleet.controller.finish(play)
     checks.that("cut off: the recap names the host", outcome.recap["host07"].unreachable, 1)
