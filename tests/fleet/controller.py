@@ -163,7 +163,7 @@ class Controller:
     def forget_connections(self) -> None:
         """Ends the shared connections, which would outlast a host that was switched off."""
         for socket in (self.folder / "cp").glob("*"):
-            subprocess.run(["ssh", "-O", "exit", "-o", f"ControlPath={socket}", "any"], capture_output=True, check=False)
+            subprocess.run(["ssh", "-Oexit", f"-oControlPath={socket}", "any"], capture_output=True, check=False)
 
     def role_options(self) -> str:
         """What ansible-doc says about the role, as JSON."""

@@ -196,7 +196,7 @@ def first_run(fleet: Fleet, checks: Checks) -> None:
     """Hosts without anything are registered, in batches."""
     outcome = fleet.play("--diff", "site.yml")
     checks.that("first run: every host changes", outcome.changed(), set(HOSTS))
-    checks.that("first run: the hosts have the ids that the authority gave", fleet.agent_ids(), fleet.authority.agents())
+    checks.that("first run: the hosts have the ids that they were given", fleet.agent_ids(), fleet.authority.agents())
     checks.that("first run: every host has one", sorted(fleet.agent_ids()), HOSTS)
     checks.that("first run: two batches", len(re.findall("^PLAY \\[", outcome.output, re.M)), 2)
     several = fleet.watch.most_enrolments
