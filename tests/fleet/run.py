@@ -201,7 +201,7 @@ def first_run(fleet: Fleet, checks: Checks) -> None:
     checks.that("first run: two batches", len(re.findall("^PLAY \\[", outcome.output, re.M)), 2)
     several = fleet.watch.most_enrolments
     checks.that(f"first run: several at a time, as the throttle lets ({several})", several in range(2, THROTTLE + 1))
-    modes = {fleet.machines[name].state()[CONFIGURATION].split()[0] for name in HOSTS}
+    modes = {fleet.machines[name].state().get(CONFIGURATION, "none").split()[0] for name in HOSTS}
     checks.that("first run: configurations are their owner's alone", modes, {"100600"})
     seen = " ".join(fleet.watch.commands)
     checks.that("first run: the watch has seen the programs", "--action register" in seen and "--passwdfile=" in seen)
