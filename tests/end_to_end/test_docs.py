@@ -93,7 +93,8 @@ def test_the_commands_of_the_readme_work_one_after_the_other(host: Host, authori
     assert "home" in authority.show("dataselections")
 
 
-OTHER_PAGES = ("README.md", "CONTRIBUTING.md", "authority/README.md", "tests/end_to_end/README.md")
+COLLECTION = "deploy/ansible/README.md"
+OTHER_PAGES = ("README.md", "CONTRIBUTING.md", "authority/README.md", COLLECTION, "tests/end_to_end/README.md")
 PAGES = sorted([*(ROOT / name for name in OTHER_PAGES), *DOCS.glob("*.md")])
 LEAVES = {"frontend/register_exception", "frontend/string_check"}
 FOLDERS = ("config", "frontend", "registration", "support", "webservice")
