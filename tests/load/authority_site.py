@@ -9,7 +9,7 @@ import socket
 import subprocess
 import time
 from collections.abc import Iterator
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from pathlib import Path
 
 import paths
@@ -22,7 +22,6 @@ CONNECTIONS = 2048
 
 _START_LIMIT_S = 30.0
 _POLL_S = 0.02
-_TICKS = os.sysconf("SC_CLK_TCK")
 
 _NGINX = """{user}
 daemon off;
@@ -72,14 +71,13 @@ def free_port() -> int:
 
 
 def group_cpu_s(group: int) -> float:
-    """The CPU seconds that the living processes of a group have used, those of children that they waited for included."""
-    ticks = 0
-    for entry in Path("/proc").glob("[0-9]*/stat"):
+    """The CPU seconds that the living processes of a group have used; each of them has one thread."""
+    nanoseconds = 0
+    for process in Path("/proc").glob("[0-9]*"):
         with contextlib.suppress(OSError):
-            fields = entry.read_text().rpartition(")")[2].split()
-            if int(fields[2]) == group:
-                ticks += sum(map(int, fields[11:15]))
-    return ticks / _TICKS
+            if int((process / "stat").read_text().rpartition(")")[2].split()[2]) == group:
+                nanoseconds += int((process / "schedstat").read_text().split()[0])
+    return nanoseconds / 1e9
 
 
 @dataclass
@@ -117,7 +115,7 @@ class Site:
     folder: Path
     program: Path = paths.AUTHORITY
     workers: int = WORKERS
-    under: list[str] = field(default_factory=list)  # what PHP-FPM is run under
+    chosen_password: bool = False  # the administrator's; without it the authority makes one
 
     def __post_init__(self) -> None:
         self.data = self.folder / "data"
@@ -128,7 +126,7 @@ class Site:
         [program] = Path("/usr/sbin").glob("php-fpm[0-9]*")
         ini = ["-c", str(self.program / "lib/php.ini")]
         options = ["--allow-to-run-as-root", *ini, "--fpm-config", f"{self.folder}/fpm.conf"]
-        self.fpm = Server([*self.under, str(program), *options], self._log)
+        self.fpm = Server([str(program), *options], self._log)
         self._configure(self.ca.server())
 
     @property
@@ -147,6 +145,9 @@ class Site:
 
     def seed(self) -> None:
         """Makes the data."""
+        if self.chosen_password:
+            self.password_file.touch(0o600)
+            self.password_file.write_text("passwd=what a person chose\n")
         lib = self.program / "lib"
         command = ["php", "-c", str(lib / "php.ini"), str(lib / "seed.php"), str(self.data), "admin", ""]
         subprocess.run(command, check=True, umask=0o077)
@@ -160,6 +161,22 @@ class Site:
             if time.monotonic() > deadline:
                 raise RuntimeError(f"the authority did not start: {self._log.read_text()}")
             time.sleep(_POLL_S)
+
+    @contextlib.contextmanager
+    def traced(self, file: Path | None) -> Iterator[None]:
+        """Has strace count what PHP-FPM waits for while the block runs, and write it to the file, if there is one."""
+        if file is None or self.fpm.process is None:
+            yield
+            return
+        calls = "trace=fdatasync,fsync,fcntl,clock_nanosleep,pwrite64,unlink,openat,futex"
+        attached = ["strace", "-f", "-c", "-w", "-e", calls, "-o", str(file)]
+        pids = Path(f"/proc/{self.fpm.process.pid}/task/{self.fpm.process.pid}/children").read_text().split()
+        strace = subprocess.Popen([*attached, *(f"--attach={pid}" for pid in pids)], stderr=subprocess.DEVNULL)
+        try:
+            yield
+        finally:
+            strace.send_signal(signal.SIGINT)
+            strace.wait(_START_LIMIT_S)
 
     def end(self, number: signal.Signals = signal.SIGTERM) -> None:
         """Ends both servers; with SIGKILL in the middle of what they do."""

@@ -44,10 +44,18 @@ def enter_mount_namespace() -> None:
     sys.exit("load: no disk can be made full here: neither root nor a user namespace may mount")
 
 
-def mount_small_disk(directory: Path) -> None:
-    """Puts a disk of its own under a directory; it goes with the program."""
+@contextlib.contextmanager
+def disk(directory: Path, small: bool) -> Iterator[None]:
+    """Puts a small disk under a directory while the block runs, if one is wanted."""
+    if not small:
+        yield
+        return
     options = f"size={DISK_BYTES},mode=0700"
     subprocess.run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", str(directory)], check=True)
+    try:
+        yield
+    finally:
+        subprocess.run(["umount", "--lazy", str(directory)], check=True)
 
 
 def kill(site: Site) -> None:

@@ -4,6 +4,9 @@ from __future__ import annotations
 
 import argparse
 import concurrent.futures
+import contextlib
+import os
+import signal
 import sys
 import tempfile
 from collections.abc import Sequence
@@ -28,6 +31,7 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
     table.add_argument("--faults", default="", help=f"what goes wrong, of: {','.join(faults.NAMES)}")
     table.add_argument("--workers", type=int, default=WORKERS, help="workers of PHP-FPM (default: %(default)s)")
     table.add_argument("--authority", type=Path, default=paths.AUTHORITY, help="another copy of the authority")
+    table.add_argument("--chosen-password", action="store_true", help="the administrator's password is a person's")
     table.add_argument("--figures", type=Path, help="file to write the figures to, as JSON")
     table.add_argument("--trace", type=Path, help="file to write to what PHP-FPM waited for, as strace counts it")
     options = table.parse_args(arguments)
@@ -35,23 +39,31 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
     for name in options.faults:
         if name not in faults.NAMES:
             table.error(f"no such fault: {name}")
+    if options.trace and "kill" in options.faults:
+        table.error("what is killed cannot be traced")
     return options
 
 
-def under(trace: Path | None) -> list[str]:
-    """What PHP-FPM is run under."""
-    if trace is None:
-        return []
-    calls = "trace=fdatasync,fsync,fcntl,clock_nanosleep,pwrite64,unlink,openat,accept"
-    return ["strace", "-f", "-c", "-w", "--seccomp-bpf", "-e", calls, "-o", str(trace.resolve())]
+def end_hosts() -> None:
+    """Ends the hosts that are at work: each of them ends with its first process."""
+    for children in Path("/proc/self/task").glob("*/children"):
+        for child in map(int, children.read_text().split()):
+            with contextlib.suppress(OSError):
+                if "bwrap" in Path(f"/proc/{child}/cmdline").read_text():
+                    os.kill(child, signal.SIGKILL)
 
 
 def enrol_all(hosts: Sequence[LoadHost], url: str, parallel: int, schedule: faults.Schedule) -> list[Run]:
     """Runs tzregister-enroll on every host; the runs in the hosts' order."""
     with concurrent.futures.ThreadPoolExecutor(parallel) as pool:
         started = [pool.submit(host.enrol_measured, url) for host in hosts]
-        for done, _ in enumerate(concurrent.futures.as_completed(started), 1):
-            schedule.at(done)
+        try:
+            for done, _ in enumerate(concurrent.futures.as_completed(started), 1):
+                schedule.at(done)
+        except BaseException:
+            pool.shutdown(wait=False, cancel_futures=True)
+            end_hosts()
+            raise
         return [future.result() for future in started]
 
 
@@ -65,16 +77,15 @@ def compare(options: argparse.Namespace, site: Site, hosts: Sequence[LoadHost], 
     return verdict
 
 
-def load(options: argparse.Namespace, folder: Path) -> Verdict:
-    """The whole load, below a folder with a short name."""
-    site = Site(folder, options.authority.resolve(), options.workers, under(options.trace))
-    if "full" in options.faults:
-        faults.mount_small_disk(site.data)
+def run_fleet(options: argparse.Namespace, site: Site) -> Verdict:
+    """Registers the fleet with a site that has not begun yet, and compares."""
     with running(site), faults.address(site, "reset" in options.faults) as url:
         files = (site.password_file, site.ca.file)
-        hosts = [LoadHost(folder / "hosts", number, files) for number in range(1, options.hosts + 1)]
+        numbers = range(1, options.hosts + 1)
+        hosts = [LoadHost(site.folder / "hosts", number, files) for number in numbers]
         before = Clock.read()
-        runs = enrol_all(hosts, url, options.parallel, faults.Schedule.of(options.faults, site, options.hosts))
+        with site.traced(options.trace):
+            runs = enrol_all(hosts, url, options.parallel, faults.Schedule.of(options.faults, site, options.hosts))
         after = Clock.read()
     verdict = compare(options, site, hosts, runs, url)
     figures = gather(runs, verdict.registered, site, options.parallel, options.faults, (before, after))
@@ -91,7 +102,9 @@ def main(arguments: Sequence[str]) -> int:
         faults.enter_mount_namespace()
     launcher()
     with tempfile.TemporaryDirectory(prefix="tzload-") as folder:
-        verdict = load(options, Path(folder))
+        site = Site(Path(folder), options.authority.resolve(), options.workers, options.chosen_password)
+        with faults.disk(site.data, "full" in options.faults):
+            verdict = run_fleet(options, site)
     print(verdict)
     return 1 if verdict.lost or verdict.twice else 0
 

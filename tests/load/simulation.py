@@ -27,6 +27,7 @@ PAUSE_S = 2.0
 TIMEOUT_S = 120.0
 # From when a request is sent until its answer, if it is there at the next look, is taken.
 _ANSWER_S = 2 * PAUSE_S
+_FRESH_CONNECTIONS = 2
 
 
 class Step(enum.IntEnum):
@@ -39,19 +40,30 @@ class Step(enum.IntEnum):
 
 @dataclass(frozen=True)
 class Costs:
-    """CPU seconds: of a request at the authority, of a connection there, and of a run on its host."""
+    """CPU seconds of a request at the authority, of a connection there, and of a run on its host.
+
+    `commit_s` is how long a request has the authority's file to itself, `greeting_s` how
+    long a connection takes until its request is sent: one pause, unless the authority is so
+    near that it greets within tzregister's first look.
+    """
 
     request_s: float
+    commit_s: float
     connection_s: float
     run_s: float
+    greeting_s: float = PAUSE_S
 
     @classmethod
-    def measured(cls, file: Path) -> Costs:
-        """The costs in figures of scripts/load."""
+    def measured(cls, file: Path, near: bool = False) -> Costs:
+        """The costs in figures of scripts/load; `near` when the hosts are as near as they were there."""
         figures = json.loads(file.read_text())
-        connections = 2 * figures["hosts"]
-        shared = figures["run_cpu_mean_s"] + figures["script_cpu_s"] / figures["hosts"]
-        return cls(figures["fpm_cpu_s"] / figures["requests"], figures["nginx_cpu_s"] / connections, shared)
+        hosts = figures["hosts"]
+        request = figures["fpm_cpu_s"] / figures["requests"]
+        run = figures["run_cpu_mean_s"] + figures["script_cpu_s"] / hosts
+        connection = figures["nginx_cpu_s"] / (_FRESH_CONNECTIONS * hosts)
+        rest = figures["wall_mean_s"] - len(Step) * _ANSWER_S - run - len(Step) * request
+        greeting = max(0.0, rest / _FRESH_CONNECTIONS) if near else PAUSE_S
+        return cls(request, figures["commit_s"], connection, run, greeting)
 
 
 @dataclass(frozen=True)
@@ -130,7 +142,7 @@ class Simulation:
         attempts = tzregister_enroll.option_table().get_default("attempts")
         between = self.random.uniform if plan.jitter else lambda _, largest: largest
         self.patience = tzregister_enroll.Patience(attempts, between=between)
-        self.cores = Cores(machine.cores)
+        self.cores, self.disk = Cores(machine.cores), Cores(1)
         self.events: list[tuple[float, int, Callable[[float], None]]] = []
         self.numbers = itertools.count()
         self.queue: collections.deque[float] = collections.deque()
@@ -205,7 +217,7 @@ class Simulation:
             return
         self.connections += 1
         self.cores.work(now, self.costs.connection_s)
-        self.at(now + PAUSE_S, lambda moment: self.send(moment, host, step))
+        self.at(now + self.costs.greeting_s, lambda moment: self.send(moment, host, step))
 
     def send(self, now: float, host: Host, step: Step) -> None:
         """A request reaches the authority: it is queued, or the queue is full."""
@@ -215,7 +227,7 @@ class Simulation:
         if len(self.queue) >= self.machine.queue:
             self.at(now + _ANSWER_S, lambda moment: self.hang_up(moment, host, step))
             return
-        done = self.cores.work(now, self.costs.request_s)
+        done = self.disk.work(self.cores.work(now, self.costs.request_s), self.costs.commit_s)
         self.queue.append(done)
         taken = now + _ANSWER_S + (done - now) // PAUSE_S * PAUSE_S
         if taken - now > TIMEOUT_S:
