@@ -67,7 +67,9 @@ def enrol_all(hosts: Sequence[LoadHost], url: str, parallel: int, schedule: faul
         return [future.result() for future in started]
 
 
-def compare(options: argparse.Namespace, site: Site, hosts: Sequence[LoadHost], runs: Sequence[Run], url: str) -> Verdict:
+def compare(
+    options: argparse.Namespace, site: Site, hosts: Sequence[LoadHost], runs: Sequence[Run], url: str
+) -> Verdict:
     """Compares and tells what is wrong."""
     said = [Enrolled(host.name, host.agent, host.target, host.key, run.stdout) for host, run in zip(hosts, runs)]
     verdict = Comparison(options.authority, site.data, url).verdict(said)

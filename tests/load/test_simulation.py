@@ -57,6 +57,14 @@ def test_batches_follow_one_another_and_never_more_work_than_may() -> None:
     assert 4 * QUIET_RUN_S < outcome.all_in_s < 5 * QUIET_RUN_S
 
 
+def test_the_page_shows_what_the_simulation_prints() -> None:
+    page = (paths.ROOT / "docs/fleet.md").read_text().splitlines()
+    made, chosen = (Costs.measured(tables.MEASURED / small) for small, _ in tables.CALIBRATIONS.values())
+    lines = [*tables.check_table(), *tables.splay_table(made, (10, 1_000)), *tables.batch_table(made, (10, 1_000))]
+    lines += tables.splay_table(chosen, (1_000,), tables.CHOSEN_SPLAYS_S)
+    assert [line for line in lines if line not in page] == []
+
+
 def test_a_seed_gives_the_same_every_time() -> None:
     plan = Plan(200, splay_s=10)
     assert simulate(plan, COSTS, seed=7) == simulate(plan, COSTS, seed=7) != simulate(plan, COSTS, seed=8)
