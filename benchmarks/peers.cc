@@ -1,9 +1,12 @@
 #include "benchmarks/peers.h"
 
 #include <SimpleIni.h>
+#include <ini.h>
+#include <iniparser/iniparser.h>
 
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -56,7 +59,40 @@ std::string_view Body(const std::string& text, std::vector<std::string>* names) 
   return rest;
 }
 
+/// inih's callback: adds up the bytes of an option.
+int CountBytes(void* bytes, const char* /*section*/, const char* name, const char* value) {
+  *static_cast<std::size_t*>(bytes) += std::strlen(name) + std::strlen(value);
+  return 1;
+}
+
 }  // namespace
+
+std::size_t ReadWithSimpleIni(const std::string& text) {
+  CSimpleIniA file;
+  file.LoadData(text);
+  return static_cast<std::size_t>(file.GetSectionSize("Section0"));
+}
+
+std::size_t ReadWithInih(const std::string& text) {
+  std::size_t bytes = 0;
+  ini_parse_string(text.c_str(), CountBytes, &bytes);
+  return bytes;
+}
+
+std::size_t ReadWithIniparser(const std::string& text) {
+  // It reads files alone; this one is in memory.
+  char name[] = "/dev/shm/tzregister-benchmark-XXXXXX";
+  const int descriptor = mkstemp(name);
+  FILE* const file = descriptor < 0 ? nullptr : fdopen(descriptor, "w");
+  if (file == nullptr) return 0;
+  std::fwrite(text.data(), 1, text.size(), file);
+  std::fclose(file);
+  dictionary* const options = iniparser_load(name);
+  std::remove(name);
+  const int sections = iniparser_getnsec(options);
+  iniparser_freedict(options);
+  return static_cast<std::size_t>(sections);
+}
 
 std::size_t RewriteWithSimpleIni(const std::string& text) {
   CSimpleIniA file;

@@ -9,6 +9,17 @@ namespace corvel::storage::benchmarks {
 // What others take for the same texts. Each returns something that depends on
 // the whole work, so that none of it is left out.
 
+/// Reads a configuration file with SimpleIni.
+std::size_t ReadWithSimpleIni(const std::string& text);
+
+/// Reads a configuration file with inih, which hands each option to a callback;
+/// what it is handed is kept nowhere.
+std::size_t ReadWithInih(const std::string& text);
+
+/// Reads a configuration file with iniparser, which takes time by the square of
+/// the options.
+std::size_t ReadWithIniparser(const std::string& text);
+
 /// Reads a configuration file with SimpleIni and writes it again.
 std::size_t RewriteWithSimpleIni(const std::string& text);
 

@@ -2,18 +2,19 @@
 // others take for the same texts, and whether that stays so as they grow.
 
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "benchmarks/corpora.h"
 #include "benchmarks/peers.h"
 #include "config/config_file.h"
+#include "support/text_stream.h"
 #include "webservice/answer_parser.h"
 #include "webservice/webservice.h"
 
@@ -22,14 +23,21 @@ namespace {
 
 constexpr std::size_t kMegabyte = 1000000;
 
+std::size_t ReadConfigFile(const std::string& text) {
+  tzconfig::TZConfig config;
+  support::TextReader in(text);
+  tzconfig::TZConfigFile("", "").LoadConfig(&in, &config);
+  return config.SectionOrder().size();
+}
+
 std::size_t RewriteConfigFile(const std::string& text) {
   tzconfig::TZConfig config;
   const tzconfig::TZConfigFile file("", "");
-  std::istringstream in(text);
+  support::TextReader in(text);
   file.LoadConfig(&in, &config);
-  std::ostringstream out;
+  support::TextWriter out;
   file.DumpConfig(&out, &config);
-  return out.str().size();
+  return out.text().size();
 }
 
 std::size_t ReadRecords(const std::string& text) {
@@ -37,6 +45,22 @@ std::size_t ReadRecords(const std::string& text) {
   tzregister::RecordSet records;
   tzregister::ParseAnswer(copy.data(), &records);
   return records.records.size();
+}
+
+/// Bytes of the heap that the records of `text` take, for each byte of it.
+double HeapOfRecords(const std::string& text) {
+  std::string copy = text;
+  tzregister::RecordSet records;
+  const std::size_t before = mallinfo2().uordblks;
+  tzregister::ParseAnswer(copy.data(), &records);
+  return static_cast<double>(mallinfo2().uordblks - before) / static_cast<double>(text.size());
+}
+
+/// Copies the text, which is the least that reading can do.
+std::size_t CopyWhole(const std::string& text) {
+  std::string copy = text;
+  benchmark::DoNotOptimize(copy.data());
+  return copy.size();
 }
 
 /// Receives `text` in pieces of `piece` bytes.
@@ -86,13 +110,18 @@ std::string Named(const char* name, std::size_t size) {
 }
 
 void AddPeers(std::vector<Row>* rows) {
-  for (const std::size_t size : {kMegabyte, 10 * kMegabyte}) {
+  for (const std::size_t size : {kMegabyte / 10, kMegabyte, 10 * kMegabyte}) {
     const auto file = Shared([=] { return ConfigFile(size); });
+    rows->push_back({Named("read/tzregister", size), ReadConfigFile, file});
+    rows->push_back({Named("read/SimpleIni", size), ReadWithSimpleIni, file});
+    rows->push_back({Named("read/inih", size), ReadWithInih, file});
     rows->push_back({Named("config/tzregister", size), RewriteConfigFile, file});
     rows->push_back({Named("config/SimpleIni", size), RewriteWithSimpleIni, file});
     rows->push_back({Named("config/PropertyTree", size), RewriteWithPropertyTree, file});
     rows->push_back({Named("config/plain_map", size), RewriteWithPlainMap, file});
   }
+  const auto small = Shared([=] { return ConfigFile(kMegabyte); });
+  rows->push_back({Named("read/iniparser", kMegabyte), ReadWithIniparser, small});
   const std::size_t count = 100000;
   const auto records = Shared([=] { return Records(count); });
   rows->push_back({Named("records/tzregister", count), ReadRecords, records});
@@ -108,20 +137,23 @@ void AddLargeValues(std::vector<Row>* rows) {
                      Shared([=] { return OneLargeValue(size); })});
     rows->push_back({Named("one_value/config", size), RewriteConfigFile,
                      Shared([=] { return OneLargeOption(size); })});
+    rows->push_back({Named("one_value/copy_alone", size), CopyWhole,
+                     Shared([=] { return OneLargeOption(size); })});
   }
 }
 
-/// Texts whose cost could grow faster than they do, in two sizes each.
+/// Texts whose cost could grow faster than they do, of 1, 10 and 100 MB or so.
 void AddShapes(std::vector<Row>* rows) {
-  for (const std::size_t scale : {1u, 10u}) {
+  for (const std::size_t scale : {1u, 10u, 100u}) {
     const auto add = [&](const char* name, Work work, const auto& make) {
       rows->push_back({Named(name, scale), work, Shared(make)});
     };
     add("shape/comment_before_lines", RewriteConfigFile,
-        [=] { return OptionsBehindComment(scale << 17, scale * 10000); });
-    add("shape/one_section", RewriteConfigFile, [=] { return OneSection(scale * 100000); });
-    add("shape/many_sections", RewriteConfigFile, [=] { return ManySections(scale * 10000); });
-    add("shape/many_columns", ReadRecords, [=] { return WideRecords(scale * 1000); });
+        [=] { return OptionsBehindComment(scale << 19, scale * 25000); });
+    add("shape/one_section", RewriteConfigFile, [=] { return OneSection(scale * 50000); });
+    add("shape/many_sections", RewriteConfigFile, [=] { return ManySections(scale * 33000); });
+    if (scale < 100)
+      add("shape/many_columns", ReadRecords, [=] { return WideRecords(scale * 10000); });
     add("shape/one_byte_pieces", ReceiveByteByByte,
         [=] { return OneLargeValue(scale * kMegabyte); });
   }
@@ -130,6 +162,7 @@ void AddShapes(std::vector<Row>* rows) {
 void Run(benchmark::State& state, const Row& row) {
   const std::string& text = row.corpus->text();
   for (auto _ : state) benchmark::DoNotOptimize(row.work(text));
+  if (row.work == ReadRecords) state.counters["heap_per_byte"] = HeapOfRecords(text);
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 

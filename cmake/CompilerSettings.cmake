@@ -5,7 +5,9 @@ add_library(tzregister_settings INTERFACE)
 
 target_compile_options(tzregister_settings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
-  -Woverloaded-virtual -Wold-style-cast)
+  -Woverloaded-virtual -Wold-style-cast
+  # Macros of libraries put a file's name in; the clone's place does not belong there.
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 if(TZREGISTER_WARNINGS_AS_ERRORS)
   target_compile_options(tzregister_settings INTERFACE -Werror)
 endif()

@@ -4,6 +4,12 @@ set(TZREGISTER_DEBIAN_REVISION "1" CACHE STRING "Revision of the Debian packages
 set(TZREGISTER_UNIT_DIR "lib/systemd/system" CACHE STRING "Where systemd's units are installed")
 set(TZREGISTER_RESTART_STEPS "" CACHE STRING "Steps in which systemd 254 or later lengthens its waits")
 
+# Whoever publishes packages puts a name, an address and a licence here. Until then they
+# claim none: nobody can have an address that ends in .invalid.
+set(TZREGISTER_MAINTAINER "tzregister maintainers <maintainers@tzregister.invalid>" CACHE STRING
+    "Who answers for the packages")
+set(TZREGISTER_LICENSE "LicenseRef-not-stated" CACHE STRING "Licence of the packages, as SPDX writes it")
+
 set(UNIT_GROWING_WAIT "")
 if(TZREGISTER_RESTART_STEPS)
   set(UNIT_GROWING_WAIT "RestartSteps=${TZREGISTER_RESTART_STEPS}\nRestartMaxDelaySec=1h\n")
@@ -11,7 +17,8 @@ endif()
 configure_file(packaging/tzregister-enroll.service.in ${PROJECT_BINARY_DIR}/tzregister-enroll.service @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tzregister-enroll.service packaging/tzregister-enroll.timer
         DESTINATION ${TZREGISTER_UNIT_DIR})
-install(FILES packaging/cloud-init.yaml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES packaging/cloud-init.yaml deploy/prometheus/tzregister-enroll.rules.yml
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The authority for trying, as its own component.
@@ -27,12 +34,16 @@ install(FILES authority/README.md DESTINATION ${AUTHORITY_DOCDIR} COMPONENT auth
 install(DIRECTORY DESTINATION /etc/quorvex/certs COMPONENT tzregister EXCLUDE_FROM_ALL
         DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                               WORLD_READ WORLD_EXECUTE)
+add_custom_target(package-docs
+  COMMAND python3 ${PROJECT_SOURCE_DIR}/packaging/package_docs.py ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+          ${TZREGISTER_DEBIAN_REVISION} ${TZREGISTER_MAINTAINER} ${TZREGISTER_LICENSE}
+          ${PROJECT_BINARY_DIR}/package-docs
+  VERBATIM)
 foreach(COMPONENT tzregister authority)
   set(DOCDIR ${CMAKE_INSTALL_DOCDIR})
   if(COMPONENT STREQUAL authority)
     set(DOCDIR ${AUTHORITY_DOCDIR})
   endif()
-  # Made by scripts/package beside the build.
   foreach(FILE changelog.gz changelog.Debian.gz copyright)
     install(FILES ${PROJECT_BINARY_DIR}/package-docs/${COMPONENT}/${FILE} DESTINATION ${DOCDIR}
             COMPONENT ${COMPONENT} EXCLUDE_FROM_ALL)
@@ -40,8 +51,8 @@ foreach(COMPONENT tzregister authority)
 endforeach()
 
 set(CPACK_PACKAGE_NAME tzregister)
-set(CPACK_PACKAGE_VENDOR "Quorvex")
-set(CPACK_PACKAGE_CONTACT "Quorvex developers <developers@quorvex.invalid>")
+set(CPACK_PACKAGE_VENDOR "unknown")
+set(CPACK_PACKAGE_CONTACT "${TZREGISTER_MAINTAINER}")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "registration and provisioning tool of the Quorvex storage system")
 set(CPACK_COMPONENTS_ALL tzregister authority)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
@@ -95,7 +106,7 @@ set(CPACK_DEBIAN_AUTHORITY_PACKAGE_ENHANCES "tzregister")
 set(CPACK_RPM_COMPONENT_INSTALL ON)
 set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
 set(CPACK_RPM_PACKAGE_RELEASE 1)
-set(CPACK_RPM_PACKAGE_LICENSE "Proprietary")
+set(CPACK_RPM_PACKAGE_LICENSE "${TZREGISTER_LICENSE}")
 set(CPACK_RPM_MAIN_COMPONENT tzregister)
 set(CPACK_RPM_TZREGISTER_PACKAGE_NAME tzregister)
 set(CPACK_RPM_TZREGISTER_PACKAGE_REQUIRES "python3 >= 3.11")

@@ -5,7 +5,7 @@
 _tzregister_enroll_options() {
   local option given=" ${COMP_WORDS[*]:1:COMP_CWORD-1} "
   for option in --help --version --url --login --passwdfile --hostname --file --productname \
-    --keydir --server --storage --mkdir --make-key --storagepoolid --force --attempts --cleartext -h; do
+    --keydir --server --storage --mkdir --make-key --storagepoolid --force --attempts --textfile --cleartext -h; do
     [[ $given == *" $option "* ]] || printf '%s ' "$option"
   done
 }
@@ -16,7 +16,7 @@ _tzregister_enroll() {
   [[ $word == = ]] && word='' option=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   case $option in
-    --passwdfile | --file)
+    --passwdfile | --file | --textfile)
       compopt -o filenames
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       ;;

@@ -27,4 +27,5 @@ complete -c tzregister-enroll -n '__tzregister_enroll_flag make-key' -l make-key
 complete -c tzregister-enroll -n '__tzregister_enroll_value storagepoolid' -l storagepoolid -x -d 'Pool to try the account with'
 complete -c tzregister-enroll -n '__tzregister_enroll_flag force' -l force -d 'Renew an account that works'
 complete -c tzregister-enroll -n '__tzregister_enroll_value attempts' -l attempts -x -d 'Tries of what can pass'
+complete -c tzregister-enroll -n '__tzregister_enroll_value textfile' -l textfile -r -F -d 'Result for the node exporter, *.prom'
 complete -c tzregister-enroll -n '__tzregister_enroll_flag cleartext' -l cleartext -d 'Allow http://'

@@ -28,7 +28,7 @@ SectionOptionMap* TZConfig::GetOptionMap(const std::string& section) {
   }
 }
 
-OptionValue* TZConfig::OptionEntry(const std::string& section, const std::string& option,
+OptionValue* TZConfig::OptionEntry(const std::string& section, std::string option,
                                    std::int32_t* result) {
   *result = kBadArgument;
   if (section.empty() || option.empty()) return nullptr;
@@ -36,21 +36,21 @@ OptionValue* TZConfig::OptionEntry(const std::string& section, const std::string
   SectionOptionMap* const map = GetOptionMap(section);
   if (map == nullptr) return nullptr;
   *result = kSuccess;
-  return &map->options[option];
+  return &map->options[std::move(option)];
 }
 
-std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::string& option,
+std::int32_t TZConfig::SetOptionValue(const std::string& section, std::string option,
                                       std::string value) {
   std::int32_t result = kSuccess;
-  OptionValue* const entry = OptionEntry(section, option, &result);
+  OptionValue* const entry = OptionEntry(section, std::move(option), &result);
   if (entry != nullptr) entry->value = std::move(value);
   return result;
 }
 
-std::int32_t TZConfig::SetOptionValue(const std::string& section, const std::string& option,
+std::int32_t TZConfig::SetOptionValue(const std::string& section, std::string option,
                                       std::string value, std::string comment) {
   std::int32_t result = kSuccess;
-  OptionValue* const entry = OptionEntry(section, option, &result);
+  OptionValue* const entry = OptionEntry(section, std::move(option), &result);
   if (entry == nullptr) return result;
   entry->value = std::move(value);
   entry->comment = std::move(comment);

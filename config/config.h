@@ -53,12 +53,11 @@ class TZConfig {
   /// Sets an option's value and keeps its comment; creates section and option
   /// when missing. kSuccess, kBadArgument for an empty name (nothing is created
   /// then) or kSectionUnavailable.
-  std::int32_t SetOptionValue(const std::string& section, const std::string& option,
-                              std::string value);
+  std::int32_t SetOptionValue(const std::string& section, std::string option, std::string value);
 
   /// As above, but sets the comment as well.
-  std::int32_t SetOptionValue(const std::string& section, const std::string& option,
-                              std::string value, std::string comment);
+  std::int32_t SetOptionValue(const std::string& section, std::string option, std::string value,
+                              std::string comment);
 
   /// Copies an option's value and comment out. kSuccess, kBadArgument for an
   /// empty name or a null output, kSectionUnavailable or kOptionMissing; the
@@ -75,8 +74,7 @@ class TZConfig {
  private:
   /// The option's entry, created when missing; null, with the code in `*result`,
   /// when it cannot be had.
-  OptionValue* OptionEntry(const std::string& section, const std::string& option,
-                           std::int32_t* result);
+  OptionValue* OptionEntry(const std::string& section, std::string option, std::int32_t* result);
 
   using Sections = std::map<std::string, std::unique_ptr<SectionOptionMap>, StringCaseCmp>;
 

@@ -70,10 +70,12 @@ class LineReader {
     const std::size_t equals = line.find('=');
     if (equals == std::string_view::npos) return kInvalidLine;
     if (equals == 0) return Invalid("Found an invalid key: ", line);
-    const std::string key(Trimmed(line.substr(0, equals)));
+    std::string key(Trimmed(line.substr(0, equals)));
     std::string value(Trimmed(line.substr(equals + 1)));
-    if (pendingComment_.empty()) return config_->SetOptionValue(section_, key, std::move(value));
-    return config_->SetOptionValue(section_, key, std::move(value),
+    if (pendingComment_.empty()) {
+      return config_->SetOptionValue(section_, std::move(key), std::move(value));
+    }
+    return config_->SetOptionValue(section_, std::move(key), std::move(value),
                                    std::exchange(pendingComment_, {}));
   }
 

@@ -152,6 +152,64 @@ class Report:
             print(line, file=self.stream, flush=True)
 
 
+# --- What is left for the node exporter -----------------------------------
+
+_TEXTFILE_ENDING = ".prom"
+_LAST_SUCCESS = "tzregister_enroll_last_success_timestamp_seconds"
+_METRICS = """\
+# HELP tzregister_enroll_registered Whether a whole configuration is in place whose account was not refused.
+# TYPE tzregister_enroll_registered gauge
+tzregister_enroll_registered {registered:d}
+# HELP tzregister_enroll_last_run_timestamp_seconds When the last run ended.
+# TYPE tzregister_enroll_last_run_timestamp_seconds gauge
+tzregister_enroll_last_run_timestamp_seconds {now}
+# HELP {last_success} When a run last ended well; 0 for never.
+# TYPE {last_success} gauge
+{last_success} {success}
+# HELP tzregister_enroll_last_run_failed Whether the last run failed, in a way that can pass or one that lasts.
+# TYPE tzregister_enroll_last_run_failed gauge
+tzregister_enroll_last_run_failed{{failure="passing"}} {passing:d}
+tzregister_enroll_last_run_failed{{failure="lasting"}} {lasting:d}
+"""
+
+
+@dataclass
+class Standing:
+    """What a run knows of this host, however it ends."""
+
+    registered: bool = False
+
+
+def last_success(file: Path) -> int:
+    """When a run last ended well, from what it left; 0 when it left nothing that can be read."""
+    try:
+        found = re.search(rf"^{_LAST_SUCCESS} (\d+)$", file.read_text("ascii", "replace"), re.M)
+    except OSError:
+        return 0
+    return int(found[1]) if found is not None else 0
+
+
+def leave_result(file: Path, status: int, standing: Standing, now: int) -> None:
+    """Puts a run's result in place of the one before, whole at any moment and readable for everybody."""
+    text = _METRICS.format(
+        registered=standing.registered,
+        now=now,
+        last_success=_LAST_SUCCESS,
+        success=now if status == Status.DONE else last_success(file),
+        passing=status == Status.PASSING,
+        lasting=status not in (Status.DONE, Status.PASSING),
+    )
+    # A name of this run's own, because another one may be ending at the same time.
+    fresh = file.with_name(f"{file.name}.{os.getpid()}")
+    fresh.unlink(missing_ok=True)
+    try:
+        write_synced(fresh, text.encode())
+        fresh.chmod(0o644)
+        fresh.replace(file)
+    finally:
+        fresh.unlink(missing_ok=True)
+
+
 # --- Configuration files --------------------------------------------------
 
 
@@ -191,6 +249,15 @@ def load_configuration(path: Path) -> Configuration:
 def names_in(configuration: Configuration) -> set[tuple[str, str]]:
     """Every section and option."""
     return {(section, option) for section, options in configuration.items() for option in options}
+
+
+def load_whole(file: Path) -> Configuration | None:
+    """The configuration in a file, if it is there and whole."""
+    try:
+        configuration = load_configuration(file)
+    except (FileNotFoundError, ValueError):
+        return None
+    return None if faults_of(configuration) else configuration
 
 
 def faults_of(configuration: Configuration) -> list[str]:
@@ -324,7 +391,9 @@ def fingerprints_in(text: str) -> list[str]:
 
 
 def trust_in(file: Path) -> ssl.SSLContext:
-    """TLS settings that trust the certificates of this file and no others, as tzregister does."""
+    """TLS settings that trust what tzregister does: this file alone, without it the system's authorities."""
+    if not file.exists():
+        return ssl.create_default_context()
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
     context.load_verify_locations(file)
     context.verify_flags |= ssl.VERIFY_X509_PARTIAL_CHAIN
@@ -350,8 +419,10 @@ def handshake(address: Address, context: ssl.SSLContext) -> bytes:
 def distrust(address: Address, file: Path, failure: ssl.SSLCertVerificationError) -> str:
     """Says what the server shows and what the file holds."""
     shown = fingerprint(shown_certificate(address))
-    held = fingerprints_in(file.read_text("ascii", "replace"))
     said = f"{address.host} shows the certificate SHA-256 {shown}, and {failure.verify_message}"
+    if not file.exists():
+        return f"{said}; there is no {file}"
+    held = fingerprints_in(file.read_text("ascii", "replace"))
     if shown in held:
         return f"{said}, although {file} holds it"
     return f"{said}; {file} holds {len(held)}: {', '.join(held)}"
@@ -362,7 +433,7 @@ def look_at_server(url: str, file: Path) -> tuple[Kind, str]:
     address = parse_address(url)
     name = address.host.strip("[]")
     try:
-        if address.secure and file.exists():
+        if address.secure:
             handshake(address, trust_in(file))
         else:
             socket.create_connection((name, address.port), _CONNECT_SECONDS).close()
@@ -388,8 +459,10 @@ class Place:
     machine_id: Path
 
     def certificate_for(self, url: str) -> Path:
-        """The file by which the server of an address is verified."""
-        return self.certificates / f"{parse_address(url).host}.pem"
+        """The file by which the server of an address is verified; for the channel the one beside the key may serve."""
+        address = parse_address(url)
+        file, beside_key = self.certificates / f"{address.host}.pem", self.keydir / "ca.pem"
+        return beside_key if address.scheme == "vrmo" and beside_key.exists() and not file.exists() else file
 
     def beside(self, suffix: str) -> Path:
         """A file of this script's own next to the configuration file."""
@@ -645,6 +718,7 @@ class Enrolment:
     tool: Tool
     patience: Patience
     report: Report
+    standing: Standing
     rehearsed: set[tuple[str, str]] = field(default_factory=set)
 
     def tell(self, step: str, result: str, words: str, **facts: object) -> None:
@@ -686,7 +760,9 @@ class Enrolment:
     def must(self, step: str, *arguments: str) -> Answer:
         """A request of the administrator's account that has to succeed."""
         account = ("--url", self.options.url, "--login", self.options.login, "--passwdfile", self.options.passwdfile)
-        answer, kind, reason = self.request(step, self.options.url, *arguments, *account)
+        # Over the channel the server may be verified by a file there; elsewhere this would be a field of the request.
+        trust = ("--keydir", str(self.place.keydir)) if self.options.url.startswith("vrmo:") else ()
+        answer, kind, reason = self.request(step, self.options.url, *arguments, *account, *trust)
         if kind is not None:
             raise Stop(Status.REFUSED, f"{step}: {reason}")
         return answer
@@ -715,14 +791,6 @@ class Enrolment:
         answer = self.tool.run("--action", "createds", "--type", "Agent", "--configfile", str(file), *nothing)
         return "" if _ACCOUNT_READ in answer.stderr else answer.message()[1]
 
-    def load_whole(self, file: Path) -> Configuration | None:
-        """The configuration in a file, if it is there and whole."""
-        try:
-            configuration = load_configuration(file)
-        except (FileNotFoundError, ValueError):
-            return None
-        return None if faults_of(configuration) else configuration
-
     # Steps
 
     def refuse_clone(self) -> None:
@@ -734,6 +802,7 @@ class Enrolment:
         if not (self.place.target.exists() or self.place.staged.exists()) or not self.place.machine.exists():
             return
         if self.place.machine.read_text("ascii", "replace").strip() != own:
+            self.standing.registered = False
             file = self.place.target
             raise Stop(
                 Status.CLONE,
@@ -755,7 +824,7 @@ class Enrolment:
 
     def recover(self) -> None:
         """Takes a configuration that an earlier run was killed before it could put in place, if it works."""
-        configuration = self.load_whole(self.place.staged)
+        configuration = load_whole(self.place.staged)
         if configuration is not None and self.account_works(self.place.staged, configuration):
             self.put_in_place()
             self.tell("recover", "ok", "Putting in place what an earlier run left")
@@ -785,6 +854,8 @@ class Enrolment:
         more = ("--mkdir",) if self.options.mkdir else ()
         output = ("--todisk", "--file", str(self.place.staged))
         self.must("register", "--action", "register", *self.component(own_id), *name, *more, *output)
+        # From here on the account in the file that is there is dead.
+        self.standing.registered = False
         self.tell("register", "ok", "Registering")
 
     def component(self, own_id: str) -> tuple[str, ...]:
@@ -816,7 +887,7 @@ class Enrolment:
                 os.fchown(stream.fileno(), before.st_uid, before.st_gid)
                 os.fchmod(stream.fileno(), stat.S_IMODE(before.st_mode))
             os.fsync(stream.fileno())
-        if self.load_whole(self.place.target) is not None:
+        if load_whole(self.place.target) is not None:
             kept = self.place.beside(".last-good.new")
             kept.unlink(missing_ok=True)
             os.link(self.place.target, kept)
@@ -828,12 +899,14 @@ class Enrolment:
         """The whole road; what came of it and the configuration that is in place."""
         self.refuse_clone()
         self.recover()
-        present = self.load_whole(self.place.target)
+        present = load_whole(self.place.target)
+        self.standing.registered = present is not None
         if present is not None and not self.options.force:
             if self.account_works(self.place.target, present):
                 if not self.place.machine.exists():
                     self.mark_machine()
                 return "unchanged", present
+            self.standing.registered = False
             self.tell("account", "dead", "Trying the account that is there")
         own_id = agent_id(present) if present is not None else "0"
         self.rehearse(own_id)
@@ -853,6 +926,13 @@ def positive(text: str) -> int:
     if number < 1:
         raise ValueError
     return number
+
+
+def textfile(text: str) -> Path:
+    """A file that the node exporter reads."""
+    if not text.endswith(_TEXTFILE_ENDING):
+        raise ValueError
+    return Path(text)
 
 
 def option_table() -> argparse.ArgumentParser:
@@ -878,6 +958,7 @@ def option_table() -> argparse.ArgumentParser:
     table.add_argument("--storagepoolid", type=positive, default=1, help="pool to try the account with (default: 1)")
     table.add_argument("--force", action="store_true", help="renew, with the agent's own id, an account that works")
     table.add_argument("--attempts", type=positive, default=10, help="tries of what can pass (default: %(default)s)")
+    table.add_argument("--textfile", type=textfile, help="leave the result there for the node exporter, *.prom")
     table.add_argument("--cleartext", action="store_true", help="allow http://, where passwords travel in the clear")
     return table
 
@@ -894,16 +975,24 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
 
 
 def run(
-    options: argparse.Namespace, environment: Mapping[str, str], paths: Paths, report: Report, patience: Patience
+    options: argparse.Namespace,
+    environment: Mapping[str, str],
+    paths: Paths,
+    report: Report,
+    patience: Patience,
+    standing: Standing,
 ) -> tuple[str, Configuration, Place]:
     """One enrolment, locked against others."""
     place = locate(options, environment, paths)
+    with contextlib.suppress(OSError):
+        standing.registered = load_whole(place.target) is not None
     look_at_host(Look(options, environment, place))
     report.tell("Looking at this host: ok", step="look", result="ok")
     program = shutil.which("tzregister", path=environment.get("PATH"))
     with locked(place.target.parent) as lock:
         tool = Tool(program or "tzregister", tool_environment(environment), lock)
-        result, configuration = Enrolment(options, place, tool, patience, report).enrol()
+        result, configuration = Enrolment(options, place, tool, patience, report, standing).enrol()
+    standing.registered = True
     return result, configuration, place
 
 
@@ -922,15 +1011,24 @@ def main(
 ) -> int:
     """Runs the program and returns its exit status."""
     options = parse_options(arguments)
+    environment = os.environ if environment is None else environment
+    standing = Standing()
+    try:
+        status = attempt(options, environment, paths, patience or Patience(options.attempts), standing)
+    except Exception:
+        leave_or_tell(options.textfile, Status.INTERNAL, standing)
+        raise
+    leave_or_tell(options.textfile, status, standing)
+    return status
+
+
+def attempt(
+    options: argparse.Namespace, environment: Mapping[str, str], paths: Paths, patience: Patience, standing: Standing
+) -> Status:
+    """One run that tells how it ended."""
     report = Report(sys.stderr)
     try:
-        result, configuration, place = run(
-            options,
-            os.environ if environment is None else environment,
-            paths,
-            report,
-            patience or Patience(options.attempts),
-        )
+        result, configuration, place = run(options, environment, paths, report, patience, standing)
     except Stop as stop:
         for reason in stop.reasons:
             report.tell(f"tzregister-enroll: {reason}", result="failed", status=int(stop.status), reason=reason)
@@ -942,6 +1040,17 @@ def main(
     words = f"{RESULTS[result]} (agent {number}, {place.target})"
     Report(sys.stdout).tell(words, result=result, agentid=number, file=place.target)
     return Status.DONE
+
+
+def leave_or_tell(file: Path | None, status: Status, standing: Standing) -> None:
+    """Leaves the result where it is wanted, or tells why not: it changes nothing about how the run ended."""
+    if file is None:
+        return
+    try:
+        leave_result(file, status, standing, int(time.time()))
+    except OSError as failure:
+        words = f"Leaving the result in {file}: {failure.strerror}"
+        Report(sys.stderr).tell(words, step="textfile", result="failed", reason=failure)
 
 
 def end() -> NoReturn:

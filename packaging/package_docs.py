@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Writes what packages say of themselves, from CHANGELOG.md and the project's name.
+"""Writes what packages say of themselves, from CHANGELOG.md and what the build was told.
 
-    package_docs.py CHANGELOG.md REVISION DIRECTORY
+    package_docs.py CHANGELOG.md REVISION MAINTAINER LICENSE DIRECTORY
 
 Makes changelog.gz, changelog.Debian.gz and copyright for each package below the
 directory, and changelog.rpm.
@@ -17,16 +17,16 @@ import sys
 from pathlib import Path
 
 PACKAGES = {"tzregister": "tzregister", "authority": "tzregister-authority"}
-MAINTAINER = "Quorvex developers <developers@quorvex.invalid>"
 COPYRIGHT = """\
 Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/
 Upstream-Name: tzregister
 Upstream-Contact: {maintainer}
 
 Files: *
-Copyright: 2026 Quorvex developers
-License: proprietary
- All rights reserved. For use with the Quorvex storage system.
+Copyright: 2026 the authors of tzregister
+License: {license}
+ The licence is named here as the build of this package was told it. Where none is
+ stated, ask whoever gave you the package what you may do with it.
 """
 
 
@@ -55,38 +55,43 @@ def wrapped(item: str, first: str, further: str) -> str:
     return "\n".join([*lines, line.rstrip()])
 
 
-def debian(package: str, revision: str, text: str) -> str:
+def debian(package: str, revision: str, maintainer: str, text: str) -> str:
     """The changelog as Debian writes it."""
     entries = []
     for version, day, items in releases(text):
         body = "\n".join(wrapped(item, "  * ", "    ") for item in items)
         date = email.utils.format_datetime(day)
         entries.append(
-            f"{package} ({version}-{revision}) stable; urgency=medium\n\n{body}\n\n -- {MAINTAINER}  {date}\n"
+            f"{package} ({version}-{revision}) stable; urgency=medium\n\n{body}\n\n -- {maintainer}  {date}\n"
         )
     return "\n".join(entries)
 
 
-def rpm(text: str) -> str:
+def rpm(maintainer: str, text: str) -> str:
     """The changelog as RPM writes it."""
     entries = []
     for version, day, items in releases(text):
         body = "\n".join(wrapped(item, "- ", "  ") for item in items)
-        entries.append(f"* {day:%a %b %d %Y} {MAINTAINER} - {version}-1\n{body}\n")
+        entries.append(f"* {day:%a %b %d %Y} {maintainer} - {version}-1\n{body}\n")
     return "\n".join(entries)
+
+
+def write_compressed(file: Path, text: str) -> None:
+    """The same bytes whenever it is written."""
+    file.write_bytes(gzip.compress(text.encode(), 9, mtime=0))
 
 
 def main() -> None:
     """Writes the files."""
-    changelog, revision, directory = Path(sys.argv[1]), sys.argv[2], Path(sys.argv[3])
-    text = changelog.read_text()
+    changelog, revision, maintainer, licence, directory = sys.argv[1:]
+    text = Path(changelog).read_text()
     for component, package in PACKAGES.items():
-        place = directory / component
+        place = Path(directory) / component
         place.mkdir(parents=True, exist_ok=True)
-        (place / "changelog.gz").write_bytes(gzip.compress(text.encode(), 9, mtime=0))
-        (place / "changelog.Debian.gz").write_bytes(gzip.compress(debian(package, revision, text).encode(), 9, mtime=0))
-        (place / "copyright").write_text(COPYRIGHT.format(maintainer=MAINTAINER))
-    (directory / "changelog.rpm").write_text(rpm(text))
+        write_compressed(place / "changelog.gz", text)
+        write_compressed(place / "changelog.Debian.gz", debian(package, revision, maintainer, text))
+        (place / "copyright").write_text(COPYRIGHT.format(maintainer=maintainer, license=licence))
+    (Path(directory) / "changelog.rpm").write_text(rpm(maintainer, text))
 
 
 if __name__ == "__main__":

@@ -116,6 +116,7 @@ int WSRequestExt(WSHandle* handle, int kind, WSReply* reply, const char* paramet
   support::ReceiveBuffer answer;
   support::TransferSettings settings = handle->settings;
   settings.answer = &answer;
+  if (!support::StartCurl()) return -1;
   const support::CurlEasyPtr transfer(curl_easy_init());
   if (transfer == nullptr || !AddHeader(kRequestKindHeader + std::to_string(kind), &headers) ||
       !AddHeader(kParameterHeader + std::string(parameter), &headers) ||

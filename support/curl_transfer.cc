@@ -76,6 +76,8 @@ bool Form::Add(const char* name, const char* value) {
   return added;
 }
 
+bool StartCurl() { return curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OUT_OF_MEMORY; }
+
 bool ConfigureTransfer(CURL* handle, const TransferSettings& settings) {
   OptionSetter setter(handle);
   setter.Set(CURLOPT_URL, settings.url.c_str());

@@ -59,6 +59,12 @@ struct ChannelPost {
   curl_slist* headers = nullptr;
 };
 
+/// Brings libcurl up; to be called before a handle is made. Not done at the start
+/// of the process because most of what it takes is for TLS, and not every run makes
+/// a request. Costs nothing once it was done. False when memory is short: libcurl
+/// then crashes when it is used.
+bool StartCurl();
+
 /// Applies `settings` to `handle`; with the two functions below the one place
 /// where libcurl is configured. Whatever is not named here keeps libcurl's default:
 /// proxies by environment, no redirects followed.

@@ -1,6 +1,5 @@
 #include "support/startup.h"
 
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <openssl/crypto.h>
 #include <sys/prctl.h>
@@ -33,10 +32,6 @@ void InitSupportLibrary(const char* /*programName*/, const char* /*libraryVersio
   // keeps nobody's debugger out.
   prctl(PR_SET_DUMPABLE, 0);
   std::signal(SIGPIPE, SIG_IGN);
-  // Neither library can be used, and one of them crashes, when memory was too
-  // short for its beginnings.
-  if (OSSL_LIB_CTX_get0_global_default() == nullptr ||
-      curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OUT_OF_MEMORY) {
-    throw std::bad_alloc();
-  }
+  // It crashes when it is used after memory was too short for its beginnings.
+  if (OSSL_LIB_CTX_get0_global_default() == nullptr) throw std::bad_alloc();
 }

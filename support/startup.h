@@ -8,9 +8,9 @@
 /// Opens /dev/null for reading in place of closed standard streams, switches core
 /// dumps off and keeps other processes out of this one's memory because it holds
 /// passwords, makes a write to a closed connection an error instead of the end of
-/// the process, and brings libcurl and the crypto library up. Failures are
-/// ignored: what then does not work says so when it is used. But throws
-/// std::bad_alloc when memory is too short for the libraries.
+/// the process, and brings the crypto library up. Failures are ignored: what then
+/// does not work says so when it is used. But throws std::bad_alloc when memory
+/// is too short for the crypto library.
 void InitSupportLibrary(const char* programName, const char* libraryVersion);
 
 #endif  // SUPPORT_STARTUP_H_

@@ -101,6 +101,7 @@ class CurlTransport final : public HttpTransport {
  public:
   std::unique_ptr<HttpTransfer> Start(const HttpRequest& request,
                                       WebServiceBuffer* answer) override {
+    if (!support::StartCurl()) return nullptr;
     auto handles = std::make_unique<CurlHandles>();
     handles->multi.reset(curl_multi_init());
     if (handles->multi == nullptr) return nullptr;

@@ -54,7 +54,8 @@ final class Authority
     private function log(Request $request, string $action, ?Caller $caller, string $outcome): void
     {
         $login = $caller?->login ?? '';
-        $this->store->logRequest($request->page, $action, $login, $request->fields->taken(), $outcome);
+        $fields = $request->fields->taken();
+        $this->store->logRequest($request->page, $action, $login, $fields, $outcome, $request->client);
     }
 
     private function caller(Request $request): Caller

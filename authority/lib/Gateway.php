@@ -4,7 +4,7 @@ declare(strict_types=1);
 
 namespace Quorvex\Authority;
 
-/** The two ways in: form pages and the channel page. Reads the request from PHP, writes the reply. */
+/** The two ways in for programs: form pages and the channel page. Reads the request from PHP, writes the reply. */
 final class Gateway
 {
     private const CHANNEL_STATUS = 'X-Quorvex-Status: ';
@@ -15,7 +15,7 @@ final class Gateway
     public static function form(array $actions): void
     {
         $origin = new Origin($_SERVER);
-        $request = new Request(self::page(), new Fields($_POST), $origin->webUrl(...));
+        $request = new Request(self::page(), new Fields($_POST), $origin->client(), $origin->webUrl(...));
         self::send(self::answer($request, $actions));
     }
 
@@ -25,7 +25,7 @@ final class Gateway
         try {
             $origin = new Origin($_SERVER);
             $fields = ChannelText::fields($_SERVER, $origin, file_get_contents('php://input'));
-            $request = new Request(self::page(), $fields, $origin->channelUrl(...));
+            $request = new Request(self::page(), $fields, $origin->client(), $origin->channelUrl(...));
             $answer = self::answer($request, $actions);
             header(self::CHANNEL_STATUS . self::DELIVERED);
         } catch (MalformedRequest $malformed) {

@@ -5,10 +5,10 @@ declare(strict_types=1);
 namespace Quorvex\Authority;
 
 /**
- * The address under which a client reached the authority. The server that runs
- * PHP tells it; a front on this machine tells it better, by X-Forwarded-Proto,
- * X-Forwarded-Host and X-Forwarded-Prefix. From any other peer these headers
- * count for nothing, for anyone could send them.
+ * The address under which a client reached the authority, and the client's own.
+ * The server that runs PHP tells them; a front on this machine tells them better,
+ * by X-Forwarded-Proto, X-Forwarded-Host, X-Forwarded-Prefix and X-Forwarded-For.
+ * From any other peer these headers count for nothing, for anyone could send them.
  */
 final class Origin
 {
@@ -43,6 +43,14 @@ final class Origin
     {
         $prefix = $this->prefix();
         return 'vrmo://' . $this->host() . ($prefix === '' ? '' : "$prefix/" . basename($this->server['SCRIPT_NAME']));
+    }
+
+    /** The client's own address. A front may have put it behind those that the client sent. */
+    public function client(): string
+    {
+        $addresses = explode(',', $this->forwarded('HTTP_X_FORWARDED_FOR') ?? '');
+        $last = trim(end($addresses));
+        return filter_var($last, FILTER_VALIDATE_IP) !== false ? $last : $this->server['REMOTE_ADDR'] ?? '';
     }
 
     private function host(): string

@@ -64,9 +64,13 @@ final class Store
             action TEXT NOT NULL,
             login TEXT NOT NULL,
             fields TEXT NOT NULL,
-            outcome TEXT NOT NULL
+            outcome TEXT NOT NULL,
+            client TEXT NOT NULL DEFAULT ''
         );
         SQL;
+
+    /** Given to a log of requests that was made before it had this column. */
+    private const ADD_CLIENT = "ALTER TABLE requests ADD COLUMN client TEXT NOT NULL DEFAULT ''";
 
     private function __construct(private readonly PDO $database)
     {
@@ -100,6 +104,9 @@ final class Store
         // The file remembers it. A writer then holds up the others for one flush of the disk instead of four.
         $store->database->exec('PRAGMA journal_mode = WAL');
         $store->database->exec(self::SCHEMA);
+        if (!in_array('client', array_column($store->rows('PRAGMA table_info(requests)'), 'name'), true)) {
+            $store->database->exec(self::ADD_CLIENT);
+        }
         return $store;
     }
 
@@ -227,16 +234,23 @@ final class Store
      * Adds a line to the log of requests, and drops the line that is one too many.
      *
      * @param array<string, string> $fields none of them secret
+     * @param string $client the address that the request came from
      */
-    public function logRequest(string $page, string $action, string $login, array $fields, string $outcome): void
-    {
+    public function logRequest(
+        string $page,
+        string $action,
+        string $login,
+        array $fields,
+        string $outcome,
+        string $client
+    ): void {
         $pieces = [];
         foreach ($fields as $name => $value) {
             $pieces[] = $name . '=' . preg_replace('/^(.{' . self::LOGGED_CHARACTERS . '}).+$/Dsu', '$1...', $value);
         }
         $this->run(
-            'INSERT INTO requests (page, action, login, fields, outcome) VALUES (?, ?, ?, ?, ?)',
-            [$page, $action, $login, implode(' ', $pieces), $outcome]
+            'INSERT INTO requests (page, action, login, fields, outcome, client) VALUES (?, ?, ?, ?, ?, ?)',
+            [$page, $action, $login, implode(' ', $pieces), $outcome, $client]
         );
         $this->run('DELETE FROM requests WHERE id <= ?', [$this->database->lastInsertId() - self::LOGGED_REQUESTS]);
     }

@@ -45,6 +45,21 @@ def test_a_prefix_that_is_none_never_reaches_a_file(authority: Authority, prefix
 
 
 @pytest.mark.parametrize(
+    ("peer", "forwarded", "client"),
+    [
+        ("127.0.0.1", None, "127.0.0.1"),
+        ("127.0.0.1", "192.0.2.9", "192.0.2.9"),
+        ("::1", "192.0.2.1, 192.0.2.9", "192.0.2.9"),
+        ("127.0.0.1", "192.0.2.1, <b>", "127.0.0.1"),
+        ("192.0.2.1", "192.0.2.9", "192.0.2.1"),
+    ],
+)
+def test_the_client_is_whom_a_front_names_last(peer: str, forwarded: str | None, client: str) -> None:
+    server = {"REMOTE_ADDR": peer} | ({} if forwarded is None else {"HTTP_X_FORWARDED_FOR": forwarded})
+    assert php("echo (new Origin(json_decode($argv[1], true)))->client();", json.dumps(server)) == client
+
+
+@pytest.mark.parametrize(
     ("peer", "url"),
     [
         ("127.0.0.1", "https://front/in"),

@@ -6,6 +6,7 @@ import pytest
 
 from harness.answers import ONE_LINE, records, refusal
 from harness.authority import Authority, REGISTRATION
+from harness.programs import AUTHORITY, php, start, stop
 
 
 def test_requests_are_logged_with_their_fields_and_outcome(authority: Authority) -> None:
@@ -69,3 +70,44 @@ def test_the_log_keeps_the_last_ten_thousand_requests(authority: Authority) -> N
     assert authority.rows("SELECT count(*), min(id), max(id) FROM requests") == [(10000, 8, 10007)]
     outcomes = authority.rows("SELECT outcome FROM requests ORDER BY id DESC LIMIT 2")
     assert outcomes == [("Login failed",), ("done",)]
+
+
+def test_the_file_does_not_grow_beyond_the_last_requests(authority: Authority) -> None:
+    def file_after(requests: int) -> int:
+        php(
+            """$store = Store::open($argv[1]);
+            $store->atomically(function () use ($store, $argv): void {
+                for ($i = 0; $i < $argv[2]; ++$i) {
+                    $store->logRequest('page', 'action', 'login', ['name' => 'value'], 'done', '::1');
+                }
+            });""",
+            str(authority.data),
+            str(requests),
+        )
+        return (authority.data / "authority.sqlite").stat().st_size
+
+    full = file_after(10000)
+    assert file_after(30000) <= full * 1.1
+    assert authority.rows("SELECT count(*), max(id) FROM requests") == [(10000, 40000)]
+
+
+def test_requests_are_logged_with_the_clients_address(authority: Authority) -> None:
+    fields = {"login": "admin", "passwd": authority.password, "action": "discover"}
+    authority.page("storagepool", fields)
+    authority.page("storagepool", fields, X_Forwarded_For="192.0.2.1, 2001:db8::7")
+    authority.page("storagepool", {**fields, "passwd": "wrong"}, X_Forwarded_For="<b>")
+    assert authority.rows("SELECT client FROM requests") == [("127.0.0.1",), ("2001:db8::7",), ("127.0.0.1",)]
+
+
+def test_a_log_from_before_there_were_addresses_gets_them(authority: Authority) -> None:
+    authority.ask("storagepool", action="discover")
+    authority.change("ALTER TABLE requests DROP COLUMN client")
+    with_addresses = Authority(authority.url, authority.data.parent / "again")
+    with_addresses.data.mkdir()
+    (authority.data / "authority.sqlite").rename(with_addresses.data / "authority.sqlite")
+    process, with_addresses.url = start(AUTHORITY / "serve", "--data", with_addresses.data)
+    try:
+        with_addresses.ask("storagepool", action="discover")
+    finally:
+        stop(process)
+    assert with_addresses.rows("SELECT id, client FROM requests") == [(1, ""), (2, "127.0.0.1")]

@@ -40,6 +40,10 @@ class Server:
         request += [f'user = "admin:{self.password}"', f'data-binary = "{text}"']
         return self._ask("https", path, version, request)
 
+    def watch(self, path: str, version: str) -> str:
+        """The page for people, as the administrator gets it."""
+        return self._ask("https", path, version, [f'user = "admin:{self.password}"'])
+
     def _ask(self, scheme: str, path: str, version: str, request: list[str]) -> str:
         command = ["curl", "-q", "-s", "-K", "-", "--cacert", f"{self.folder}/cert.pem", f"--http{version}"]
         command += ["--unix-socket", f"{self.folder}/{scheme}.sock", f"{scheme}://{SITE}{path}"]
@@ -144,3 +148,10 @@ def test_the_address_under_a_path_is_named_whole(server: Server) -> None:
     for version in ("1.1", "2"):
         answer = server.channel("/spa/vrmo.php", version, "create&agentid=0&configfiletemplateid=1")
         assert named_address(answer) == f"vrmo://{SITE}/spa/vrmo.php", version
+
+
+def test_the_page_for_people_is_there_as_well(server: Server) -> None:
+    server.page("https", "/spa/ws_storagepool.php", "1.1", "action=discover")
+    for version in ("1.1", "2"):
+        shown = server.watch("/spa/watch.php", version)
+        assert "<title>Storage pool authority</title>" in shown and ">discover</td>" in shown

@@ -371,7 +371,8 @@ def test_two_enrolments_do_not_run_at_once(fake: FakeHost) -> None:
 
 def test_a_tzregister_that_outlives_its_enrolment_keeps_the_lock(fake: FakeHost) -> None:
     started, go = fake.root / "started", fake.root / "go"
-    fake.answer("register", f"touch {started}; while [ ! -e {go} ]; do sleep 0.05; done; touch {fake.root}/over")
+    waiting = f"for i in $(seq 300); do [ -e {go} ] || sleep 0.05; done"
+    fake.answer("register", f"touch {started}; {waiting}; touch {fake.root}/over")
     with fake.start() as process:
         wait_for(started.exists)
         process.kill()

@@ -156,3 +156,25 @@ def test_a_wrong_certificate_lasts(
             result = host.enrol(address, attempts=5)
             assert result.status == REFUSED and b"shows the certificate" in result.stderr
     assert "register" not in authority.show("requests")
+
+
+def test_a_server_that_the_system_does_not_vouch_for_lasts(
+    host: EnrolHost, authority: Authority, ca: CertificateAuthority, tmp_path: Path
+) -> None:
+    host.use_password_of(authority)
+    with front(authority, ca.server(), tmp_path / "front") as url:
+        result = host.enrol(url.replace("https", "vrmo"), attempts=5)
+    assert result.status == REFUSED and b"shows the certificate" in result.stderr
+    assert b"there is no /etc/quorvex/certs/127.0.0.1.pem" in result.stderr
+
+
+def test_over_the_channel_the_file_beside_the_key_serves(
+    host: EnrolHost, authority: Authority, ca: CertificateAuthority, tmp_path: Path
+) -> None:
+    host.use_password_of(authority)
+    host.write_secret(host.keydir / "ca.pem", ca.file.read_text())
+    with front(authority, ca.server(), tmp_path / "front") as url:
+        address = url.replace("https", "vrmo")
+        result = host.enrol(address, "--make-key")
+        assert enrolled(result), result.stderr
+        assert host.enrol(address).stdout.startswith(b"result=unchanged")

@@ -37,7 +37,7 @@ prepare_host() {
 start_authority() {
   tzregister-authority --data "$SPA" >"$SPA.said" 2>"$SPA.errors" &
   authority=$!
-  until grep -q '^Stop it' "$SPA.said"; do
+  until grep -qs '^Stop it' "$SPA.said"; do
     kill -0 "$authority" 2>/dev/null || { cat "$SPA.errors" >&2; fail "the authority did not start"; }
     sleep 0.2
   done

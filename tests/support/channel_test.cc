@@ -270,6 +270,9 @@ TEST_F(ChannelTest, FailsWhenATransferCannotBeMadeOrConfigured) {
   curl.refusedOption = "";
   curl.hasHandles = false;
   ExpectFailure();
+  curl.hasHandles = true;
+  curl.startResult = CURLE_OUT_OF_MEMORY;
+  ExpectFailure();
   EXPECT_THAT(curl.bodies, IsEmpty());
 }
 

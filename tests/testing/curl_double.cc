@@ -98,6 +98,13 @@ std::string CurlDouble::Option(const std::string& name) const {
 
 namespace testing_ns = corvel::storage::testing;
 
+CURLcode curl_global_init(long flags) {
+  if (testing_ns::active != nullptr && testing_ns::active->startResult != CURLE_OK) {
+    return testing_ns::active->startResult;
+  }
+  return reinterpret_cast<decltype(&curl_global_init)>(dlsym(RTLD_NEXT, "curl_global_init"))(flags);
+}
+
 CURL* curl_easy_init() {
   if (testing_ns::active != nullptr && !testing_ns::active->hasHandles) return nullptr;
   return reinterpret_cast<decltype(&curl_easy_init)>(dlsym(RTLD_NEXT, "curl_easy_init"))();

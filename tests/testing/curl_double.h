@@ -39,6 +39,8 @@ class CurlDouble {
   /// An option that libcurl is to refuse, "" for none, and how.
   std::string refusedOption;
   CURLcode refusal = CURLE_UNKNOWN_OPTION;
+  /// How the library's start ends.
+  CURLcode startResult = CURLE_OK;
   /// False: no handle can be made.
   bool hasHandles = true;
   CURLcode performResult = CURLE_OK;

@@ -20,6 +20,7 @@ namespace {
 
 using storage::testing::CurlDouble;
 using storage::testing::TempDirectory;
+using ::testing::IsEmpty;
 
 constexpr int kMaxPasses = 100000;
 constexpr std::size_t kLongestAnswer = std::size_t{256} << 20;
@@ -175,6 +176,21 @@ TEST_F(CurlTransport, StartsNothingWhenTheNetworkLayerCannotBeInitialised) {
   WebServiceBuffer answer;
   curl.hasHandles = false;
   EXPECT_EQ(transport->Start(RequestFor("http://h/p"), &answer), nullptr);
+}
+
+TEST_F(CurlTransport, TouchesNothingOfALibraryThatCouldNotBeBroughtUp) {
+  CurlDouble curl;
+  WebServiceBuffer answer;
+  curl.startResult = CURLE_OUT_OF_MEMORY;
+  EXPECT_EQ(transport->Start(RequestFor("http://h/p"), &answer), nullptr);
+  EXPECT_THAT(curl.options, IsEmpty());
+}
+
+TEST_F(CurlTransport, LeavesItToTheRequestWhatElseTheLibraryLacks) {
+  CurlDouble curl;
+  WebServiceBuffer answer;
+  curl.startResult = CURLE_FAILED_INIT;
+  EXPECT_NE(transport->Start(RequestFor("http://h/p"), &answer), nullptr);
 }
 
 TEST_F(CurlTransport, SendsNothingThatCannotBeSetUpAsItWasAsked) {

@@ -29,6 +29,11 @@ REGISTRATION = {
 }
 
 
+def basic(login: str, passwd: str) -> str:
+    """The header with a login and a password."""
+    return f"Basic {base64.b64encode(f'{login}:{passwd}'.encode()).decode()}"
+
+
 @dataclass
 class Authority:
     """An authority that answers at an address and keeps its data in a directory."""
@@ -57,6 +62,12 @@ class Authority:
         """Registers a host; returns its record."""
         [record] = records(self.ask("agent", **{**REGISTRATION, "hostName": host, **changes}))
         return record
+
+    def watch(self, login: str | None = "admin", passwd: str | None = None, **headers: str) -> Reply:
+        """The page for people, asked for with an account, the administrator's unless another is given, or none."""
+        account = {"Authorization": basic(login, self.password if passwd is None else passwd)} if login else {}
+        more = {name.replace("_", "-"): value for name, value in headers.items()}
+        return request(f"{self.url}/watch.php", None, {**account, **more})
 
     def rows(self, sql: str) -> list[tuple[Any, ...]]:
         """What a query finds in the database file."""
@@ -91,9 +102,8 @@ class Front:
     def channel(self, text: str, login: str = "admin", passwd: str | None = None, **changes: str | None) -> Reply:
         """Sends a request text as the channel's client does; changes replace headers or, as None, drop them."""
         passwd = self.authority.password if passwd is None else passwd
-        credentials = base64.b64encode(f"{login}:{passwd}".encode()).decode()
         headers: dict[str, str | None] = {
-            "Authorization": f"Basic {credentials}",
+            "Authorization": basic(login, passwd),
             "Content-Type": "application/octet-stream",
             "X-Quorvex-Request-Kind": "13",
             "X-Quorvex-Parameter": "action",

@@ -1,0 +1,9 @@
+<?php
+
+declare(strict_types=1);
+
+namespace Quorvex\Authority;
+
+require __DIR__ . '/../lib/bootstrap.php';
+
+Watch::serve();
