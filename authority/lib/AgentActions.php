@@ -37,8 +37,7 @@ final class AgentActions
         $id = $request->fields->number('agentid');
         $properties = self::properties($request->fields);
         $password = Accounts::freshPassword();
-        // Hashing is slow on purpose: it is done before the file is locked.
-        $hash = Accounts::hash($password);
+        $hash = Accounts::hashFresh($password);
         return function () use ($id, $properties, $password, $hash): string {
             $id = $this->enrol($id, $properties, $hash);
             return Answer::data(

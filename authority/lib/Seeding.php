@@ -15,25 +15,25 @@ final class Seeding
     public static function run(string $directory, string $login, string $passwordFile): void
     {
         $store = Store::create($directory);
-        $password = self::passwordIn($passwordFile !== '' ? $passwordFile : self::ownPasswordFile($directory));
+        $ownFile = "$directory/admin.passwd";
+        $isFresh = $passwordFile === '' && !file_exists($ownFile);
+        if ($isFresh) {
+            self::makePasswordFile($ownFile);
+        }
+        $password = self::passwordIn($passwordFile !== '' ? $passwordFile : $ownFile);
         foreach (self::TEMPLATES as $id) {
             $store->saveTemplate($id, self::shipped("templates/$id.cfg"));
         }
         foreach (self::POOLS as $id => $name) {
             $store->savePool($id, $name, self::shipped("pools/$id.recommended"), self::shipped("pools/$id.current"));
         }
-        (new Accounts($store))->seedAdministrator($login, $password);
+        (new Accounts($store))->seedAdministrator($login, $password, $isFresh);
     }
 
-    /** The path of the directory's own password file, made with a fresh password when it is missing. */
-    private static function ownPasswordFile(string $directory): string
+    private static function makePasswordFile(string $path): void
     {
-        $path = "$directory/admin.passwd";
-        if (!file_exists($path)) {
-            umask(0177);
-            file_put_contents($path, self::KEY . Accounts::freshPassword() . "\n");
-        }
-        return $path;
+        umask(0177);
+        file_put_contents($path, self::KEY . Accounts::freshPassword() . "\n");
     }
 
     /** The password in a file: what stands behind the first "passwd=" of its first line that has one. */

@@ -56,6 +56,10 @@ def test_a_second_start_keeps_the_data_and_the_password(tmp_path: Path) -> None:
         stop(process)
 
 
+def test_writers_of_the_database_hold_each_other_up_for_one_flush(authority: Authority) -> None:
+    assert authority.rows("PRAGMA journal_mode") == [("wal",)]
+
+
 def test_a_port_that_is_taken_is_reported(tmp_path: Path) -> None:
     with socket.create_server(("127.0.0.1", 0)) as taken:
         port = str(taken.getsockname()[1])
