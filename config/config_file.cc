@@ -161,8 +161,8 @@ std::int32_t TZConfigFile::DumpConfig(std::ostream* stream, TZConfig* config) co
     support::PrintDiagnostic("Failed to open file: " + outputName_);
     return kStreamFailure;
   }
-  const std::vector<std::string> order = config->SectionOrder();
-  for (const std::string& section : order) {
+  // Dumping adds no section: each one that is asked for is there.
+  for (const std::string& section : config->SectionOrder()) {
     const std::int32_t result = DumpSection(section, config, stream);
     if (result != kSuccess) return result;
   }
