@@ -162,8 +162,8 @@ std::int32_t TZConfigFile::DumpConfig(std::ostream* stream, TZConfig* config) co
     return kStreamFailure;
   }
   // Dumping adds no section: each one that is asked for is there.
-  for (const std::string& section : config->SectionOrder()) {
-    const std::int32_t result = DumpSection(section, config, stream);
+  for (const std::string_view section : config->SectionOrder()) {
+    const std::int32_t result = DumpSection(std::string(section), config, stream);
     if (result != kSuccess) return result;
   }
   return kSuccess;

@@ -1,5 +1,6 @@
 #include <boost/filesystem/path.hpp>
 #include <cctype>
+#include <utility>
 
 #include "config/config_file.h"
 #include "registration/failures.h"
@@ -104,7 +105,7 @@ void Registrator::UpdatePathInParam(const std::string& option, const std::string
   if (config->GetOptionValue(section, option, &value, &comment) != tzconfig::kSuccess) return;
   if (value.empty() || IsAbsolute(value)) return;
   boost::filesystem::path joined(base);
-  joined /= value;
+  joined /= std::exchange(value, {});  // it may be as long as an answer
   if (config->SetOptionValue(section, option, joined.string(), comment) != tzconfig::kSuccess) {
     failures::kPathNotStored.Throw();
   }
