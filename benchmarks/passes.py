@@ -106,7 +106,7 @@ def link_cases(delayed: bool) -> list[Case]:
         *(Case(f"{size} MB answer, compressed", serving(size=size * MEGABYTE, compress=True)) for size in (10, 100)),
         Case("10 MB answer, compressed, HTTPS", serving(size=10 * MEGABYTE, compress=True, tls="1.3")),
         *(Case(f"{size} MB of routing tables", serving(size=size * MEGABYTE), "routingtables") for size in (1, 10, 60, 200)),
-        *(Case(f"{size} MB configuration file", serving(size=size * MEGABYTE), "configfile") for size in (1, 10, 60, 200)),
+        *(Case(f"{size} MB configuration file", serving(size=size * MEGABYTE), "configfile") for size in (1, 10)),
         *(
             Case(f"{size} MB configuration file of one value", serving(size=size * MEGABYTE), "configfile", below="/one_value")
             for size in (1, 10, 60, 200)

@@ -46,7 +46,7 @@ const std::string& Require(const support::ParsedOptions& options, const char* na
 /// Refuses a template of so many lines that the entries made of them would take
 /// far more memory than its bytes. No real one comes near.
 void CheckLineCount(std::string_view text) {
-  constexpr std::ptrdiff_t kMaxLines = 400'000;  // some 300 bytes each
+  constexpr std::ptrdiff_t kMaxLines = 600'000;  // some 300 bytes each
   if (std::count(text.begin(), text.end(), '\n') > kMaxLines) failures::kTemplateNotLoaded.Throw();
 }
 

@@ -123,7 +123,7 @@ TEST_F(RegistratorGetConfigFileTest, CreatesTheFileForItsOwnerAlone) {
 TEST_F(RegistratorGetConfigFileTest, RefusesATemplateOfTooManyLines) {
   const std::string file = directory.Write("agent.cfg", "old");
   std::string text = "[a]\\n";
-  for (int line = 1; line < 400'000; ++line) text += "k=v\\n";
+  for (int line = 1; line < 600'000; ++line) text += "k=v\\n";
   host.network.http.script.clear();
   host.network.http.Answer(TemplateAnswer(text + "k=v\\n"));
   host.network.http.Answer(TemplateAnswer(text));
