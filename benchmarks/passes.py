@@ -1,7 +1,7 @@
 """How many passes of the wait loop, and how much memory, a run takes.
 
     passes.py --tool build/release/tzregister [--runs N] [--parallel N]
-              [--only TEXT] [--list] [--own-windows]
+              [--only TEXT] [--list] [--unprivileged] [--own-windows]
 
 Each case runs the real tool against a server of its own, on loopback or over a
 link with a round trip of 20 ms. Needs root and /dev/net/tun for the link.
@@ -163,9 +163,15 @@ class Bench:
         """One run of a case, in a directory of its own."""
         directory = Path(tempfile.mkdtemp(prefix=f"{number}-", dir=self.directory))
         try:
-            return self._run(case, port, Host(directory))
+            return self._run(case, port, self._host(directory))
         finally:
             shutil.rmtree(directory)
+
+    def _host(self, directory: Path) -> Host:
+        host = Host(directory)
+        if not self.options.unprivileged:
+            host.capabilities = ["CAP_NET_ADMIN"]
+        return host
 
     def _run(self, case: Case, port: int, host: Host) -> Outcome:
         address = slow_link.FAR_ADDRESS if case.serving.delayed else LOOPBACK
@@ -235,6 +241,7 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--only", action="append", default=[], help="cases whose names hold this text")
     parser.add_argument("--list", action="store_true", help="name the cases and end")
     parser.add_argument("--parallel", type=int, default=5, help="runs of a case at the same time")
+    parser.add_argument("--unprivileged", action="store_true", help="the tool has none of root's rights")
     parser.add_argument("--own-windows", action="store_true", help="TCP's windows as this machine has them")
     return parser.parse_args()
 

@@ -12,8 +12,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// What may arrive while nobody reads. The kernel grants half of the maximum of
-/// net.ipv4.tcp_rmem, 3 MiB where nobody changed it.
+/// What may arrive while nobody reads.
 constexpr int kReceiveBytes = 16 << 20;
 
 /// What may be handed over for sending at once: any form whose values came by the
@@ -21,8 +20,20 @@ constexpr int kReceiveBytes = 16 << 20;
 /// changed it, and double that in practice.
 constexpr int kSendBytes = 2 << 20;
 
-void SetSize(int socket, int option, int bytes) {
-  setsockopt(socket, SOL_SOCKET, option, &bytes, sizeof(bytes));
+bool SetSize(int socket, int option, int bytes) {
+  return setsockopt(socket, SOL_SOCKET, option, &bytes, sizeof(bytes)) == 0;
+}
+
+/// Makes room for what arrives: all that is asked for when the process may set the
+/// host's limits aside, as root may; else half of the maximum of net.ipv4.tcp_rmem,
+/// 3 MiB where nobody changed it.
+void WidenReceiveBuffer(int socket) {
+  if (SetSize(socket, SO_RCVBUFFORCE, kReceiveBytes)) return;
+  // The kernel widens the receive buffer of a socket that asks to be woken for so
+  // much only, and leaves it wide. SO_RCVBUF stops at net.core.rmem_max, 208 KiB
+  // where nobody changed it, and keeps the kernel from widening any further.
+  SetSize(socket, SO_RCVLOWAT, kReceiveBytes);
+  SetSize(socket, SO_RCVLOWAT, 1);
 }
 
 /// A socket with wide buffers. They are set before it connects, which settles the
@@ -30,11 +41,7 @@ void SetSize(int socket, int option, int bytes) {
 int OpenSocket(const curl_sockaddr& address) {
   const int socket =
       ::socket(address.family, address.socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address.protocol);
-  // The kernel widens the receive buffer of a socket that asks to be woken for so
-  // much only, and leaves it wide. SO_RCVBUF stops at net.core.rmem_max, 208 KiB
-  // where nobody changed it, and keeps the kernel from widening any further.
-  SetSize(socket, SO_RCVLOWAT, kReceiveBytes);
-  SetSize(socket, SO_RCVLOWAT, 1);
+  WidenReceiveBuffer(socket);
   SetSize(socket, SO_SNDBUF, kSendBytes);
   return socket;
 }

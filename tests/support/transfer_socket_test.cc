@@ -2,13 +2,18 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fstream>
+#include <thread>
 
 namespace corvel::storage::support {
 namespace {
@@ -74,6 +79,24 @@ int Connect(const Descriptor& socket, const Port& port) {
   return connect(socket.number(), &port.address.addr, port.address.addrlen) == 0 ? 0 : errno;
 }
 
+/// Takes the right to set the host's limits aside from this thread while it lives.
+class WithoutNetworkAdministration {
+ public:
+  WithoutNetworkAdministration() {
+    EXPECT_EQ(syscall(SYS_capget, &header_, before_), 0);
+    __user_cap_data_struct less[_LINUX_CAPABILITY_U32S_3] = {before_[0], before_[1]};
+    less[CAP_TO_INDEX(CAP_NET_ADMIN)].effective &= ~CAP_TO_MASK(CAP_NET_ADMIN);
+    EXPECT_EQ(syscall(SYS_capset, &header_, less), 0);
+  }
+  ~WithoutNetworkAdministration() { EXPECT_EQ(syscall(SYS_capset, &header_, before_), 0); }
+  WithoutNetworkAdministration(const WithoutNetworkAdministration&) = delete;
+  WithoutNetworkAdministration& operator=(const WithoutNetworkAdministration&) = delete;
+
+ private:
+  __user_cap_header_struct header_ = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct before_[_LINUX_CAPABILITY_U32S_3] = {};
+};
+
 class TransferSocket : public ::testing::Test {
  protected:
   int Open() { return OpenTransferSocket(&wait, CURLSOCKTYPE_IPCXN, &port.address); }
@@ -136,6 +159,36 @@ TEST_F(TransferSocket, HasRoomForWhatArrivesAndLeavesBetweenTwoPolls) {
     // A single byte wakes it all the same.
     EXPECT_EQ(socket->Option(SO_RCVLOWAT), 1);
   }
+}
+
+TEST_F(TransferSocket, HasMoreRoomForWhatArrivesThanAPlainOneWithoutAnyRight) {
+  const WithoutNetworkAdministration without;
+  const Descriptor plain(socket(AF_INET, SOCK_STREAM, 0));
+  const Descriptor wide(Open());
+  EXPECT_GT(wide.Option(SO_RCVBUF), plain.Option(SO_RCVBUF));
+  EXPECT_EQ(wide.Option(SO_RCVLOWAT), 1);
+}
+
+/// True when this thread could be moved to a network of its own, whose sockets may
+/// receive no more than a quarter of a megabyte ahead.
+bool EnterNarrowNetwork() {
+  if (unshare(CLONE_NEWNET) != 0) return false;
+  std::ofstream limits("/proc/sys/net/ipv4/tcp_rmem");
+  limits << "4096 131072 262144" << std::flush;
+  return limits.good();
+}
+
+TEST_F(TransferSocket, HasMoreRoomThanTheHostsLimitsWithTheRightToSetThemAside) {
+  bool tried = false;
+  std::thread([&] {
+    tried = EnterNarrowNetwork();
+    if (!tried) return;
+    const Descriptor widest(Open());
+    const WithoutNetworkAdministration without;
+    const Descriptor wide(Open());
+    EXPECT_GT(widest.Option(SO_RCVBUF), wide.Option(SO_RCVBUF));
+  }).join();
+  if (!tried) GTEST_SKIP() << "needs the right to make a network namespace";
 }
 
 TEST_F(TransferSocket, NeitherBlocksNorPassesToChildProcesses) {

@@ -104,7 +104,7 @@ class Host:
     `work` is seen by the tool under the same path and is its current
     directory; `etc_quorvex` is its "/etc/quorvex". `program` is the path under
     which the tool sees itself. Whatever is `shown` keeps its path, too, and may
-    be written to.
+    be written to. The tool runs as root with no more than `capabilities`.
     """
 
     def __init__(self, directory: Path, program: str = DEFAULT_PROGRAM) -> None:
@@ -112,6 +112,7 @@ class Host:
         self.environment: dict[str, str] = {}
         self.small_disks: dict[str, int] = {}
         self.shown: list[Path] = []
+        self.capabilities: list[str] = []
         self.work = directory / "work"
         self.etc_quorvex = directory / "etc-quorvex"
         self._files = directory / "machine"
@@ -202,9 +203,12 @@ class Host:
     def _bubblewrap(self, environment: Mapping[str, str]) -> list[str]:
         """The whole bwrap command line up to the program.
 
-        No capability is kept, so permissions hold for root as for anyone else.
+        No capability is kept but those asked for, so permissions hold for root as
+        for anyone else.
         """
         options = [*launcher(), "--die-with-parent", *_NAMESPACES]
+        for capability in self.capabilities:
+            options += ["--cap-add", capability]
         options += ["--hostname", self._name or "agent-host"]
         options += [*_system_directories(), "--proc", "/proc", "--dev", "/dev", "--dir", "/tmp"]
         options += self._etc()
