@@ -1,7 +1,9 @@
 #include "config/config_file.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -129,8 +131,10 @@ TZConfigFile::TZConfigFile(std::string inputName, std::string outputName)
 
 std::int32_t TZConfigFile::LoadConfig(TZConfig* config) const {
   if (inputName_.empty()) return kBadArgument;
+  // A shortage of memory would pass for a file that is missing or cannot be read.
+  errno = 0;
   std::ifstream stream(inputName_);
-  // A shortage of memory would pass for a file that cannot be read.
+  if (!stream.is_open() && errno == ENOMEM) throw std::bad_alloc();
   stream.exceptions(std::ios::badbit);
   try {
     return LoadConfig(&stream, config);

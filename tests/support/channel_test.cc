@@ -100,12 +100,17 @@ TEST_F(ChannelTest, AnswersOrFailsWhicheverAllocationFails) {
       [&] {
         result = -1;
         reply.status = 77;
+        curl.options.clear();
         const ChannelPtr channel = Open("vrmo://spa", keys.path());
         if (channel != nullptr) result = Request(channel, text);
       },
       [&](bool threw) {
         EXPECT_EQ(reply.status, result == 0 ? 0 : 77);
         EXPECT_TRUE(!threw || result == -1);
+        if (result != 0) return;
+        EXPECT_THAT(curl.options,
+                    Contains("HTTPHEADER=X-Quorvex-Request-Kind: 13|X-Quorvex-Parameter: action|"
+                             "Content-Type: application/octet-stream"));
       });
   EXPECT_EQ(result, 0);
   EXPECT_GT(failed, 20U);
