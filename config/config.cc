@@ -17,15 +17,16 @@ SectionOptionMap* TZConfig::GetOptionMap(const std::string& section) {
     last_ = place;
     return place->second.get();
   }
-  // The order grows first: when the map then cannot, the name is taken back.
-  sectionOrder_.push_back(section);
+  // The order grows first: when the map then cannot, the place is taken back.
+  sectionOrder_.emplace_back();
   try {
     last_ = sections_.emplace_hint(place, section, std::make_unique<SectionOptionMap>());
-    return last_->second.get();
   } catch (...) {
     sectionOrder_.pop_back();
     throw;
   }
+  sectionOrder_.back() = last_->first;
+  return last_->second.get();
 }
 
 OptionValue* TZConfig::OptionEntry(const std::string& section, std::string option,
@@ -72,9 +73,9 @@ std::int32_t TZConfig::GetOptionValue(const std::string& section, const std::str
 }
 
 void TZConfig::Reset() {
+  sectionOrder_.clear();
   sections_.clear();
   last_ = sections_.end();
-  sectionOrder_.clear();
 }
 
 }  // namespace corvel::storage::tzconfig

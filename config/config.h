@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace corvel::storage::tzconfig {
@@ -68,8 +69,9 @@ class TZConfig {
   /// Removes everything.
   void Reset();
 
-  /// Section names as first spelled, in the order of their creation.
-  const std::vector<std::string>& SectionOrder() const { return sectionOrder_; }
+  /// Section names as first spelled, in the order of their creation. Borrowed:
+  /// valid until Reset or destruction.
+  const std::vector<std::string_view>& SectionOrder() const { return sectionOrder_; }
 
  private:
   /// The option's entry, created when missing; null, with the code in `*result`,
@@ -81,7 +83,7 @@ class TZConfig {
   Sections sections_;
   /// The section of the last call: the next one mostly asks for the same.
   Sections::iterator last_ = sections_.end();
-  std::vector<std::string> sectionOrder_;
+  std::vector<std::string_view> sectionOrder_;  ///< the keys of sections_
 };
 
 }  // namespace corvel::storage::tzconfig

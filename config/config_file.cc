@@ -1,7 +1,9 @@
 #include "config/config_file.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -131,8 +133,10 @@ TZConfigFile::TZConfigFile(std::string inputName, std::string outputName)
 
 std::int32_t TZConfigFile::LoadConfig(TZConfig* config) const {
   if (inputName_.empty()) return kBadArgument;
+  // A shortage of memory would pass for a file that is missing or cannot be read.
+  errno = 0;
   std::ifstream stream(inputName_);
-  // A shortage of memory would pass for a file that cannot be read.
+  if (!stream.is_open() && errno == ENOMEM) throw std::bad_alloc();
   stream.exceptions(std::ios::badbit);
   try {
     return LoadConfig(&stream, config);
@@ -163,9 +167,9 @@ std::int32_t TZConfigFile::DumpConfig(std::ostream* stream, TZConfig* config) co
     support::PrintDiagnostic("Failed to open file: " + outputName_);
     return kStreamFailure;
   }
-  const std::vector<std::string> order = config->SectionOrder();
-  for (const std::string& section : order) {
-    const std::int32_t result = DumpSection(section, config, stream);
+  // Dumping adds no section: each one that is asked for is there.
+  for (const std::string_view section : config->SectionOrder()) {
+    const std::int32_t result = DumpSection(std::string(section), config, stream);
     if (result != kSuccess) return result;
   }
   return kSuccess;

@@ -23,7 +23,8 @@ class TZConfigFile {
   TZConfigFile(std::string inputName, std::string outputName);
 
   /// Reads the input file into `*config`. kBadArgument when its name is empty;
-  /// otherwise as below.
+  /// otherwise as below. Throws std::bad_alloc: a file that there is no memory to
+  /// open is not missing.
   std::int32_t LoadConfig(TZConfig* config) const;
 
   /// Empties `*config`, then reads `*stream` to its end or to the first line

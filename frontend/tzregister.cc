@@ -54,8 +54,10 @@ void ReportFailure(const std::string& action, const std::string& description) {
 int RunAndReport(const std::string& action, const po::variables_map& parsed,
                  const Platform& platform) {
   try {
+    // Composed first: what is done must not pass for failed for want of memory.
+    const std::string success = "Action " + action + " completed successfully.\n";
     if (RunAction(action, parsed, platform) != 0) return -1;
-    support::PrintDiagnostic("Action " + action + " completed successfully.");
+    std::cerr << success << std::flush;
     return 0;
   } catch (const std::exception& failure) {
     ReportFailure(action, failure.what());

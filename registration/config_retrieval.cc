@@ -1,5 +1,7 @@
 #include "registration/config_retrieval.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <iostream>
 #include <string_view>
 
@@ -41,6 +43,13 @@ const std::string& Require(const support::ParsedOptions& options, const char* na
   return options.Text(name);
 }
 
+/// Refuses a template of so many lines that the entries made of them would take
+/// far more memory than its bytes. No real one comes near.
+void CheckLineCount(std::string_view text) {
+  constexpr std::ptrdiff_t kMaxLines = 600'000;  // some 300 bytes each
+  if (std::count(text.begin(), text.end(), '\n') > kMaxLines) failures::kTemplateNotLoaded.Throw();
+}
+
 /// Writes the whole file. A disk that cannot take it must not pass for success:
 /// the host would run with half a configuration.
 void WriteConfigFile(std::string_view text, const std::string& path) {
@@ -65,6 +74,7 @@ void Registrator::GetConfigFile(const std::string& type, std::int64_t id, bool s
   const configfiletemplate_t templateId = TemplateFor(type, serverGiven);
   support::TextWriter received;
   proxy_->GetConfigFile(id, templateId, &received);
+  CheckLineCount(received.text());
   support::TextReader in(received.text());
   support::TextWriter rewritten;
   ReplacePathsInConfigFile(&in, &rewritten, templateId, storagePath, login, password);

@@ -33,7 +33,7 @@ void Registrator::FilenamesFromArguments(std::string* filename1, std::string* fi
 }
 
 std::string Registrator::OutputDirectory(const std::string& dirargument) const {
-  if (options_.Has(dirargument)) return options_.Text(dirargument);
+  if (options_.Has(dirargument.c_str())) return options_.Text(dirargument.c_str());
   if (dirargument != kKeyDirectoryOption) failures::kNoDirectory.Throw();
   return ReadStoredCredentials().keydir;
 }

@@ -1,4 +1,3 @@
-#include <boost/filesystem/path.hpp>
 #include <cctype>
 
 #include "config/config_file.h"
@@ -103,12 +102,11 @@ void Registrator::UpdatePathInParam(const std::string& option, const std::string
   std::string comment;
   if (config->GetOptionValue(section, option, &value, &comment) != tzconfig::kSuccess) return;
   if (value.empty() || IsAbsolute(value)) return;
-  boost::filesystem::path joined(base);
-  joined /= value;
-  if (config->SetOptionValue(section, option, joined.string(), comment) != tzconfig::kSuccess) {
+  value.insert(0, base.empty() || base.back() == '/' ? base : base + '/');
+  if (config->SetOptionValue(section, option, value, comment) != tzconfig::kSuccess) {
     failures::kPathNotStored.Throw();
   }
-  if (makeDirs) support::MakeDirectories(joined.string(), PrivacyOf(section, option));
+  if (makeDirs) support::MakeDirectories(value, PrivacyOf(section, option));
 }
 
 void Registrator::SetStoragePath(const std::string& storagePath, bool makeDirs,

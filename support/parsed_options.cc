@@ -5,21 +5,21 @@ namespace corvel::storage::support {
 ParsedOptions::ParsedOptions(const boost::program_options::variables_map& options)
     : options_(options) {}
 
-bool ParsedOptions::Has(const std::string& name) const { return options_.count(name) > 0; }
+bool ParsedOptions::Has(const char* name) const { return options_.count(name) > 0; }
 
-const std::string& ParsedOptions::Text(const std::string& name) const {
+const std::string& ParsedOptions::Text(const char* name) const {
   return options_[name].as<std::string>();
 }
 
-std::string ParsedOptions::TextOr(const std::string& name, const std::string& fallback) const {
+std::string ParsedOptions::TextOr(const char* name, const std::string& fallback) const {
   return Has(name) ? Text(name) : fallback;
 }
 
-std::uint64_t ParsedOptions::Number(const std::string& name) const {
+std::uint64_t ParsedOptions::Number(const char* name) const {
   return options_[name].as<unsigned long>();
 }
 
-const Secret& ParsedOptions::SecretText(const std::string& name) const {
+const Secret& ParsedOptions::SecretText(const char* name) const {
   return *options_[name].as<SharedSecret>();
 }
 

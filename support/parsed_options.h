@@ -22,19 +22,19 @@ class ParsedOptions {
   explicit ParsedOptions(const boost::program_options::variables_map& options);
 
   /// True when option `name` was given.
-  bool Has(const std::string& name) const;
+  bool Has(const char* name) const;
 
   /// The text of option `name`, valid as long as this object.
-  const std::string& Text(const std::string& name) const;
+  const std::string& Text(const char* name) const;
 
   /// The text of option `name` when it was given, else `fallback`.
-  std::string TextOr(const std::string& name, const std::string& fallback) const;
+  std::string TextOr(const char* name, const std::string& fallback) const;
 
   /// The number that option `name` holds.
-  std::uint64_t Number(const std::string& name) const;
+  std::uint64_t Number(const char* name) const;
 
   /// The secret that option `name` holds, valid as long as this object.
-  const Secret& SecretText(const std::string& name) const;
+  const Secret& SecretText(const char* name) const;
 
  private:
   boost::program_options::variables_map options_;

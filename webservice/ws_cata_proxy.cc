@@ -61,6 +61,8 @@ bool IsTable(WebService* ws, RecordSet* records) {
     support::PrintDiagnostic("The data returned by the webservice could not be parsed.");
     return false;
   }
+  // The records hold copies of all that counts.
+  ws->buffer.Release();
   if (records->error == nullptr) return true;
   const char* const description = records->error->description.get();
   support::PrintDiagnostic(std::string("The webservice returned an error :") +

@@ -5,6 +5,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "config/config_file.h"
@@ -119,7 +120,8 @@ std::int32_t Load(const std::string& text, TZConfig* config) {
 /// A store in the model's form, options in the store's own order.
 std::vector<ModelSection> Contents(TZConfig* config) {
   std::vector<ModelSection> contents;
-  for (const std::string& name : config->SectionOrder()) {
+  for (const std::string_view section : config->SectionOrder()) {
+    const std::string name(section);
     const SectionOptionMap* const map = config->GetOptionMap(name);
     contents.push_back({name, map->comment, {}});
     for (const auto& [option, entry] : map->options) {

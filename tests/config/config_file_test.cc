@@ -1,8 +1,12 @@
 #include "config/config_file.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 #include <streambuf>
@@ -10,6 +14,22 @@
 
 #include "tests/testing/outcome.h"
 #include "tests/testing/temp_directory.h"
+
+namespace {
+
+/// True while there is no memory to open a file with.
+bool memoryIsShort = false;
+
+}  // namespace
+
+// Takes the place of the function that file streams open their files by.
+extern "C" std::FILE* fopen64(const char* path, const char* mode) {
+  if (memoryIsShort) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return reinterpret_cast<decltype(fopen64)*>(dlsym(RTLD_NEXT, "fopen64"))(path, mode);
+}
 
 namespace corvel::storage::tzconfig {
 namespace {
@@ -263,6 +283,16 @@ TEST(TZConfigFileReader, EmptiesTheStoreAndNamesTheFileWhenItCannotBeOpened) {
   ExpectResult(OutcomeOf([&] { return TZConfigFile(path, "out.cfg").LoadConfig(&config); }),
                kNoStream, "", "Failed to open input file:" + path + "\n");
   EXPECT_THAT(config.SectionOrder(), IsEmpty());
+}
+
+TEST(TZConfigFileReader, TakesNoFileForMissingThatItHasNoMemoryToOpen) {
+  const TempDirectory directory;
+  const TZConfigFile file(directory.Write("in.cfg", "[a]\nb=c\n"), "");
+  TZConfig config;
+  EXPECT_EQ(file.LoadConfig(&config), 0);
+  memoryIsShort = true;
+  EXPECT_THROW(file.LoadConfig(&config), std::bad_alloc);
+  memoryIsShort = false;
 }
 
 TEST(TZConfigFileReader, EmptiesTheStoreWhenTheStreamIsBad) {

@@ -27,11 +27,17 @@ from test_limits import (
 )
 
 NEARLY_MOST = 100 * MEBIBYTE
+MOST_LINES = 600_000
 
 
 def table(names: bytes, types: bytes, records: bytes) -> bytes:
     """An answer with just these lines."""
     return b"***BEGIN***\n1\n" + names + b"\n" + types + b"\n" + records + b"***DONE***\n"
+
+
+def template(escaped: bytes) -> bytes:
+    """An answer with this text for a configuration file."""
+    return table(b"returnvalue", b"S", escaped + b"\n")
 
 
 # Made when they are needed: each is as long as an answer may be, or nearly.
@@ -43,7 +49,12 @@ TABLES: dict[str, Callable[[], bytes]] = {
     "records of nothing": lambda: table(b"a", b"S", b"\n" * NEARLY_MOST),
     "records that are not kept": lambda: table(b"a", b"X", b"x\n" * (NEARLY_MOST // 2)),
     "columns and records": lambda: table(b"a|" * 1000, b"S|" * 1000, b"|\n" * (NEARLY_MOST // 2)),
-    "a value as long as can be": lambda: table(b"returnvalue", b"S", b"[a]" + rb"\n#" * (NEARLY_MOST // 3) + b"\n"),
+    "a value as long as can be": lambda: template(b"[a]" + rb"\n#" * (NEARLY_MOST // 3)),
+    "a template of sections": lambda: template(b"".join(rb"[%x]\n" % number for number in range(6_000_000))),
+    "as many sections as can be": lambda: template(b"".join(rb"[%x]\n" % number for number in range(MOST_LINES))),
+    "as many options as can be": lambda: template(
+        rb"[a]\n" + b"".join(rb"%x=\n" % number for number in range(MOST_LINES - 1))
+    ),
     "an answer as long as can be": lambda: b"x" * NEARLY_MOST,
     "a description as long as can be": lambda: b"***ERROR***\n1\ndescription: " + b"d" * NEARLY_MOST + b"\n",
 }

@@ -177,12 +177,15 @@ TEST_F(GenerateSSLCertificateTest, WritesBothToOneDevice) {
 
 TEST_F(GenerateSSLCertificateTest, TouchesNoFileWhenThePairCannotBeMade) {
   directory.Write("Agent.cert", "old");
-  for (const char* step : {"EVP_PKEY_keygen", "EVP_DigestSign"}) {
+  for (const char* step : {"EVP_PKEY_keygen", "EVP_DigestSign", "PEM_write_bio_X509"}) {
     SCOPED_TRACE(step);
     const OpenSslFault fault(step);
     ExpectFailure(Generate(certFile, keyFile), kFailure);
     EXPECT_EQ(ReadFile(certFile), "old");
     EXPECT_FALSE(Exists(keyFile));
+  }
+  for (const char* step : {"EVP_PKEY_keygen", "EVP_DigestSign"}) {
+    const OpenSslFault fault(step);
     ExpectFailure(Generate("", ""), kFailure);
   }
 }

@@ -257,7 +257,10 @@ TEST_F(OpenSSLCertificateTest, MakesANewKeyEveryTime) {
 }
 
 TEST(OpenSSLCertificate, FailsQuietlyWithEachStepOfTheCryptographyAndCanTryAgain) {
-  for (const char* step : {"EVP_PKEY_keygen", "X509_new", "X509_sign", "EVP_DigestSign"}) {
+  for (const char* step :
+       {"EVP_PKEY_keygen_init", "BN_set_word", "EVP_PKEY_CTX_set_rsa_keygen_bits",
+        "EVP_PKEY_CTX_set1_rsa_keygen_pubexp", "EVP_PKEY_keygen", "X509_new", "X509_sign",
+        "X509_set_version", "EVP_DigestSignInit", "EVP_DigestSign"}) {
     SCOPED_TRACE(step);
     OpenSSLCertificate pair;
     const Outcome failed = OutcomeOf([&] {

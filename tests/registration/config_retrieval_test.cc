@@ -120,6 +120,20 @@ TEST_F(RegistratorGetConfigFileTest, CreatesTheFileForItsOwnerAlone) {
   }
 }
 
+TEST_F(RegistratorGetConfigFileTest, RefusesATemplateOfTooManyLines) {
+  const std::string file = directory.Write("agent.cfg", "old");
+  std::string text = "[a]\\n";
+  for (int line = 1; line < 600'000; ++line) text += "k=v\\n";
+  host.network.http.script.clear();
+  host.network.http.Answer(TemplateAnswer(text + "k=v\\n"));
+  host.network.http.Answer(TemplateAnswer(text));
+  ExpectFailure(Get("Agent", false, file),
+                {16, 7, "Registrator", "Failed to load from input stream "});
+  EXPECT_EQ(ReadFile(file), "old");
+  ExpectSuccess(Get("Agent", false, file), "##Configfile written to " + file + "\n");
+  EXPECT_EQ(ReadFile(file), "[a]\nk=v\n[paths]\n");
+}
+
 TEST_F(RegistratorGetConfigFileTest, OverwritesAnExistingFileAndKeepsItsMode) {
   const std::string file = directory.Write("agent.cfg", std::string(500, 'x'));
   ASSERT_EQ(chmod(file.c_str(), 0644), 0);

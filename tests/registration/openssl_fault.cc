@@ -1,7 +1,10 @@
 #include "tests/registration/openssl_fault.h"
 
 #include <dlfcn.h>
+#include <openssl/bn.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
 #include <openssl/x509.h>
 
 namespace corvel::storage::testing {
@@ -32,6 +35,28 @@ OpenSslFault::~OpenSslFault() { FailingFunction().clear(); }
 
 using corvel::storage::testing::Working;
 
+int EVP_PKEY_keygen_init(EVP_PKEY_CTX* context) {
+  auto* const real = Working<decltype(EVP_PKEY_keygen_init)>("EVP_PKEY_keygen_init");
+  return real == nullptr ? 0 : real(context);
+}
+
+int BN_set_word(BIGNUM* number, BN_ULONG word) {
+  auto* const real = Working<decltype(BN_set_word)>("BN_set_word");
+  return real == nullptr ? 0 : real(number, word);
+}
+
+int EVP_PKEY_CTX_set_rsa_keygen_bits(EVP_PKEY_CTX* context, int bits) {
+  auto* const real =
+      Working<decltype(EVP_PKEY_CTX_set_rsa_keygen_bits)>("EVP_PKEY_CTX_set_rsa_keygen_bits");
+  return real == nullptr ? 0 : real(context, bits);
+}
+
+int EVP_PKEY_CTX_set1_rsa_keygen_pubexp(EVP_PKEY_CTX* context, BIGNUM* exponent) {
+  auto* const real =
+      Working<decltype(EVP_PKEY_CTX_set1_rsa_keygen_pubexp)>("EVP_PKEY_CTX_set1_rsa_keygen_pubexp");
+  return real == nullptr ? 0 : real(context, exponent);
+}
+
 int EVP_PKEY_keygen(EVP_PKEY_CTX* context, EVP_PKEY** key) {
   auto* const real = Working<decltype(EVP_PKEY_keygen)>("EVP_PKEY_keygen");
   return real == nullptr ? 0 : real(context, key);
@@ -45,6 +70,22 @@ X509* X509_new() {
 int X509_sign(X509* certificate, EVP_PKEY* key, const EVP_MD* digest) {
   auto* const real = Working<decltype(X509_sign)>("X509_sign");
   return real == nullptr ? 0 : real(certificate, key, digest);
+}
+
+int X509_set_version(X509* certificate, long version) {
+  auto* const real = Working<decltype(X509_set_version)>("X509_set_version");
+  return real == nullptr ? 0 : real(certificate, version);
+}
+
+int EVP_DigestSignInit(EVP_MD_CTX* context, EVP_PKEY_CTX** keyContext, const EVP_MD* digest,
+                       ENGINE* engine, EVP_PKEY* key) {
+  auto* const real = Working<decltype(EVP_DigestSignInit)>("EVP_DigestSignInit");
+  return real == nullptr ? 0 : real(context, keyContext, digest, engine, key);
+}
+
+int PEM_write_bio_X509(BIO* out, const X509* certificate) {
+  auto* const real = Working<decltype(PEM_write_bio_X509)>("PEM_write_bio_X509");
+  return real == nullptr ? 0 : real(out, certificate);
 }
 
 int EVP_DigestSign(EVP_MD_CTX* context, unsigned char* signature, std::size_t* length,

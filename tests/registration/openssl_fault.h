@@ -5,8 +5,8 @@
 
 namespace corvel::storage::testing {
 
-/// While it lives, one function of the crypto library fails: "EVP_PKEY_keygen",
-/// "X509_new", "X509_sign" or "EVP_DigestSign". One at a time.
+/// While it lives, one function of the crypto library fails, of those that
+/// openssl_fault.cc has. One at a time.
 class OpenSslFault {
  public:
   explicit OpenSslFault(const std::string& function);

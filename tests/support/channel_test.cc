@@ -12,6 +12,7 @@
 
 #include "support/handle.h"
 #include "support/receive_buffer.h"
+#include "tests/testing/allocation_limit.h"
 #include "tests/testing/curl_double.h"
 #include "tests/testing/disguised_secret.h"
 #include "tests/testing/scoped_environment.h"
@@ -91,6 +92,29 @@ class ChannelTest : public ::testing::Test {
   WSReply reply;
   HeapText answer;
 };
+
+TEST_F(ChannelTest, AnswersOrFailsWhicheverAllocationFails) {
+  const std::string text = "x";
+  int result = 0;
+  const std::size_t failed = ForEachFailedAllocation(
+      [&] {
+        result = -1;
+        reply.status = 77;
+        curl.options.clear();
+        const ChannelPtr channel = Open("vrmo://spa", keys.path());
+        if (channel != nullptr) result = Request(channel, text);
+      },
+      [&](bool threw) {
+        EXPECT_EQ(reply.status, result == 0 ? 0 : 77);
+        EXPECT_TRUE(!threw || result == -1);
+        if (result != 0) return;
+        EXPECT_THAT(curl.options,
+                    Contains("HTTPHEADER=X-Quorvex-Request-Kind: 13|X-Quorvex-Parameter: action|"
+                             "Content-Type: application/octet-stream"));
+      });
+  EXPECT_EQ(result, 0);
+  EXPECT_GT(failed, 20U);
+}
 
 TEST_F(ChannelTest, StandsForAnHttpsAddress) {
   const struct {

@@ -16,12 +16,14 @@
 #include <string>
 #include <vector>
 
+#include "tests/testing/allocation_limit.h"
 #include "tests/testing/disguised_secret.h"
 #include "tests/testing/temp_directory.h"
 
 namespace {
 
 using corvel::storage::testing::DisguisedSecret;
+using corvel::storage::testing::ForEachFailedAllocation;
 using corvel::storage::testing::TempDirectory;
 using corvel::storage::testing::WriteSecretFile;
 using ::testing::MatchesRegex;
@@ -104,6 +106,26 @@ TEST_F(PasswordTest, NoTwoEncryptionsOfOnePasswordAreEqual) {
   std::set<std::string> texts;
   for (int count = 0; count < 200; ++count) texts.insert(Encrypted(keyFile, "secret"));
   EXPECT_EQ(texts.size(), 200U);
+}
+
+TEST_F(PasswordTest, IsWholeOrEmptyWhicheverAllocationFails) {
+  const std::string encrypted = Encrypted(keyFile, "secret");
+  char out[256];
+  int result = 0;
+  const auto sweep = [&](PasswordCall call, const std::string& text, const auto& isRight) {
+    return ForEachFailedAllocation(
+        [&] {
+          result = -1;
+          result = call(keyFile.c_str(), text.c_str(), out, static_cast<int>(sizeof(out)));
+        },
+        [&](bool threw) {
+          EXPECT_TRUE(result == 0 ? isRight() : *out == '\0') << threw << ' ' << out;
+        });
+  };
+  const auto opens = [&] { return Decrypt(out) == Converted{0, "secret"}; };
+  EXPECT_GT(sweep(EncryptPasswdWithKey, "secret", opens), 20U);
+  const auto isSecret = [&] { return std::string(out) == "secret"; };
+  EXPECT_GT(sweep(DecryptPasswdWithKey, encrypted, isSecret), 20U);
 }
 
 // A second implementation of the format, made of other calls of the library.

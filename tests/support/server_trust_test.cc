@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/testing/allocation_limit.h"
 #include "tests/testing/scoped_environment.h"
 #include "tests/testing/temp_directory.h"
 
@@ -186,6 +187,20 @@ TEST(ServerCertificateFile, IsNoneWhenThePathIsTooLong) {
   EXPECT_EQ(ServerCertificateFile("https://spa/"), longest + "spa.pem");
   const ScopedEnvironment inner(kPluginPath, withLength(4089).c_str());
   EXPECT_EQ(ServerCertificateFile("https://spa/"), "");
+}
+
+TEST(VerificationOf, NeverDoesWithoutTrustForWantOfMemory) {
+  const TempDirectory plugins;
+  const std::string file = plugins.Write("spa.example.pem", "");
+  const ScopedEnvironment variable(kPluginPath, plugins.path().c_str());
+  Verification found = {ServerTrust::kFile, file};
+  const std::size_t failed = storage::testing::ForEachFailedAllocation(
+      [&] { found = VerificationOf("https://SPA.example./x"); },
+      [&](bool) {
+        EXPECT_EQ(found.trust, ServerTrust::kFile);
+        EXPECT_EQ(found.caFile, file);
+      });
+  EXPECT_GT(failed, 5U);
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/testing/allocation_limit.h"
+
 // The main of every test program. No case sees anything of the caller's
 // environment: the tool, libcurl, OpenSSL and the C library each read some of it.
 
@@ -32,6 +34,7 @@ void ClearEnvironment() {
 
 int main(int argc, char** argv) {
   ClearEnvironment();
+  corvel::storage::testing::ShareAllocator();
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -109,7 +109,9 @@ TEST(ParseAnswerTable, ReadsTheCountFromTheDigitsAtTheStartOfItsLine) {
                {"007", 7},
                {"\t5", 0},
                {"x", 0},
-               {"2147483647", 2147483647}};
+               {"2147483647", 2147483647},
+               {"00000000000000000000007", 7},    // 23 digits are read
+               {"000000000000000000000071", 7}};  // and no more
   for (const auto& one : cases) {
     SCOPED_TRACE(one.line);
     const Reading reading("***BEGIN***\n" + std::string(one.line) + "\na\nS\n");

@@ -12,6 +12,7 @@
 
 #include "support/handle.h"
 #include "support/transfer_socket.h"
+#include "tests/testing/allocation_limit.h"
 #include "tests/testing/curl_double.h"
 #include "tests/testing/temp_directory.h"
 
@@ -42,6 +43,16 @@ HttpOutcome RunToEnd(HttpTransfer* transfer) {
   }
   EXPECT_EQ(running, 0);
   return transfer->Finish();
+}
+
+/// The form that libcurl is given last.
+std::string FormIn(const CurlDouble& curl) {
+  std::string form;
+  for (const auto* part = static_cast<curl_httppost*>(curl.pointers.at("HTTPPOST"));
+       part != nullptr; part = part->next) {
+    form += std::string(part->name) + "=" + part->contents + ";";
+  }
+  return form;
 }
 
 class CurlTransport : public ::testing::Test {
@@ -143,12 +154,29 @@ TEST_F(CurlTransport, BuildsTheFormInTheOrderOfItsNames) {
   WebServiceBuffer answer;
   const auto transfer = transport->Start(request, &answer);
   ASSERT_NE(transfer, nullptr);
-  std::string form;
-  for (const auto* part = static_cast<curl_httppost*>(curl.pointers.at("HTTPPOST"));
-       part != nullptr; part = part->next) {
-    form += std::string(part->name) + "=" + part->contents + ";";
-  }
-  EXPECT_EQ(form, "action=;hostName=h;type=t;");
+  EXPECT_EQ(FormIn(curl), "action=;hostName=h;type=t;");
+}
+
+TEST_F(CurlTransport, SendsNoFormThatLacksAFieldForWantOfMemory) {
+  const TempDirectory directory;
+  const FormFields fields = {{"action", "a"}, {"hostName", "h"}, {"type", "t"}};
+  HttpRequest request = RequestFor("file://" + directory.Write("answer", "text"));
+  request.form = &fields;
+  CurlDouble curl;
+  WebServiceBuffer answer;
+  std::unique_ptr<HttpTransfer> transfer;
+  const std::size_t failed = storage::testing::ForEachFailedAllocation(
+      [&] {
+        transfer.reset();
+        curl.pointers.clear();
+        transfer = transport->Start(request, &answer);
+      },
+      [&](bool threw) {
+        int running = 1;
+        if (threw || transfer == nullptr || transfer->Perform(&running) != CURLM_OK) return;
+        EXPECT_EQ(FormIn(curl), "action=a;hostName=h;type=t;");
+      });
+  EXPECT_GT(failed, 20U);
 }
 
 TEST_F(CurlTransport, LetsRequestsShareWhatTheyLeaveBehind) {

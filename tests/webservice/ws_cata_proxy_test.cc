@@ -146,6 +146,7 @@ TEST(PasswordFile, IsRefusedWhenItHoldsNoPassword) {
                {directory.Write("empty", ""), "Could not find a SPA passwd from file.\n"},
                {directory.Write("other", "password=x\npasswd\n"),
                 "Could not find a SPA passwd from file.\n"},
+               {directory.Write("start", "asswd=x\n"), "Could not find a SPA passwd from file.\n"},
                {directory.path(), "Could not find a SPA passwd from file.\n"},
                {directory.Write("bare", "passwd=\npasswd=x\n"), "Empty SPA passwd from file.\n"},
                {directory.Write("end", "passwd="), "Empty SPA passwd from file.\n"}};
