@@ -43,11 +43,13 @@ const std::string& Require(const support::ParsedOptions& options, const char* na
   return options.Text(name);
 }
 
-/// Refuses a template of so many lines that the entries made of them would take
-/// far more memory than its bytes. No real one comes near.
+/// Refuses a template of so many short lines that the entries made of them would
+/// take far more memory than its bytes. No real one comes near.
 void CheckLineCount(std::string_view text) {
-  constexpr std::ptrdiff_t kMaxLines = 600'000;  // some 300 bytes each
-  if (std::count(text.begin(), text.end(), '\n') > kMaxLines) failures::kTemplateNotLoaded.Throw();
+  constexpr std::size_t kEntryBytes = 200;  // what one line comes to, beside its text
+  constexpr std::size_t kEntriesBytes = 240u << 20;
+  const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+  if (lines * kEntryBytes > kEntriesBytes + text.size()) failures::kTemplateNotLoaded.Throw();
 }
 
 /// Writes the whole file. A disk that cannot take it must not pass for success:

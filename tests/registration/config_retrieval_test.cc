@@ -120,13 +120,18 @@ TEST_F(RegistratorGetConfigFileTest, CreatesTheFileForItsOwnerAlone) {
   }
 }
 
-TEST_F(RegistratorGetConfigFileTest, RefusesATemplateOfTooManyLines) {
-  const std::string file = directory.Write("agent.cfg", "old");
+/// A template that says one thing so many times.
+std::string RepeatedOption(int count) {
   std::string text = "[a]\\n";
-  for (int line = 1; line < 600'000; ++line) text += "k=v\\n";
+  for (int line = 0; line < count; ++line) text += "k=v\\n";
+  return text;
+}
+
+TEST_F(RegistratorGetConfigFileTest, TakesAMillionLinesOfATemplateAndRefusesThree) {
+  const std::string file = directory.Write("agent.cfg", "old");
   host.network.http.script.clear();
-  host.network.http.Answer(TemplateAnswer(text + "k=v\\n"));
-  host.network.http.Answer(TemplateAnswer(text));
+  host.network.http.Answer(TemplateAnswer(RepeatedOption(3'000'000)));
+  host.network.http.Answer(TemplateAnswer(RepeatedOption(1'000'000)));
   ExpectFailure(Get("Agent", false, file),
                 {16, 7, "Registrator", "Failed to load from input stream "});
   EXPECT_EQ(ReadFile(file), "old");
