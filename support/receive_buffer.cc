@@ -1,5 +1,6 @@
 #include "support/receive_buffer.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -12,16 +13,28 @@ bool IsLate(const ReceiveBuffer& buffer) {
   return std::chrono::steady_clock::now() > buffer.deadline;
 }
 
+/// Grows the block to at least `bytes`; false when memory is short. It doubles, so
+/// that many small pieces are not copied again and again; what is not written to
+/// yet takes no memory.
+bool HasRoomFor(std::uint64_t bytes, ReceiveBuffer* buffer) {
+  if (bytes <= buffer->capacity) return true;
+  const std::uint64_t capacity =
+      std::max(bytes, std::min(2 * buffer->capacity, kMaxAnswerBytes + 1));
+  auto* const grown = static_cast<char*>(std::realloc(buffer->data, capacity));
+  if (grown == nullptr) return false;
+  buffer->data = grown;
+  buffer->capacity = capacity;
+  return true;
+}
+
 }  // namespace
 
 bool ReceiveBuffer::Append(const char* bytes, std::size_t count) {
   const bool fits = size <= kMaxAnswerBytes && count <= kMaxAnswerBytes - size && !IsLate(*this);
-  auto* const grown = fits ? static_cast<char*>(std::realloc(data, size + count + 1)) : nullptr;
-  if (grown == nullptr) {
+  if (!fits || !HasRoomFor(size + count + 1, this)) {
     Release();
     return false;
   }
-  data = grown;
   if (count > 0) std::memcpy(data + size, bytes, count);
   size += count;
   data[size] = '\0';
@@ -31,11 +44,11 @@ bool ReceiveBuffer::Append(const char* bytes, std::size_t count) {
 void ReceiveBuffer::Release() {
   std::free(data);
   data = nullptr;
-  size = 0;
+  size = capacity = 0;
 }
 
 char* ReceiveBuffer::TakeData() {
-  size = 0;
+  size = capacity = 0;
   return std::exchange(data, nullptr);
 }
 

@@ -22,6 +22,8 @@ struct ReceiveBuffer {
   char* data = nullptr;
   /// Bytes received, without the terminating zero byte.
   std::uint64_t size = 0;
+  /// Bytes that the block has room for.
+  std::uint64_t capacity = 0;
   /// Bytes of headers and trailers received; they are counted and not kept.
   std::uint64_t headerBytes = 0;
   /// After this nothing more is taken.

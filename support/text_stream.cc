@@ -20,6 +20,7 @@ TextWriter::Buffer::int_type TextWriter::Buffer::overflow(int_type character) {
 }
 
 std::streamsize TextWriter::Buffer::xsputn(const char* bytes, std::streamsize count) {
+  if (count <= 0) return 0;
   const std::size_t newSize = size + static_cast<std::size_t>(count);
   if (newSize > capacity) {
     // The kernel moves a big block without copying it, and the half of it that

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import re
+import shlex
 import subprocess
 import time
 from pathlib import Path
@@ -56,9 +57,14 @@ def bash(line: str) -> set[str]:
     return set(done.stdout.split())
 
 
+def _script(program: str, shell: str) -> str:
+    """The completion's path, quoted for a shell."""
+    return shlex.quote(str(COMPLETION / f"{program}.{shell}"))
+
+
 def fish(line: str) -> set[str]:
     """What fish offers for the end of this line."""
-    script = f"source {COMPLETION}/{line.split()[0]}.fish; complete -C '{line}'"
+    script = f"source {_script(line.split()[0], 'fish')}; complete -C '{line}'"
     command = ["fish", "--no-config", "-c", script]
     done = subprocess.run(
         command, capture_output=True, text=True, check=True, env={**os.environ, "HOME": "/nonexistent"}
@@ -68,7 +74,7 @@ def fish(line: str) -> set[str]:
 
 def fish_values(program: str) -> set[str]:
     """The options that take a value, by fish's own table."""
-    script = f"source {COMPLETION}/{program}.fish; complete -c {program}"
+    script = f"source {_script(program, 'fish')}; complete -c {program}"
     done = subprocess.run(["fish", "--no-config", "-c", script], capture_output=True, text=True, check=True)
     lines = [
         line
@@ -99,7 +105,7 @@ def zsh(line: str, directory: Path) -> set[str]:
 def typed_in_bash(line: str, directory: Path) -> str:
     """The line as bash shows it after the tab key, in an interactive shell."""
     program = line.split()[0]
-    (directory / "bashrc").write_text(f"PS1='ready> '\nsource {COMPLETION}/{program}.bash\n")
+    (directory / "bashrc").write_text(f"PS1='ready> '\nsource {_script(program, 'bash')}\n")
     arguments = ["--noprofile", "--rcfile", str(directory / "bashrc"), "-i"]
     environment = {**os.environ, "TERM": "dumb", "INPUTRC": "/dev/null"}
     shell = pexpect.spawn("bash", arguments, env=environment, encoding="utf-8", timeout=_LIMIT_SECONDS)
