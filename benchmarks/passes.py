@@ -113,9 +113,11 @@ def link_cases(delayed: bool) -> list[Case]:
 def memory_cases() -> list[Case]:
     """What is of interest for its memory, over loopback alone."""
     sizes = [(size, Serving(size=size * MEGABYTE)) for size in (1, 10, 60, 200)]
+    # Of short lines, no more are accepted.
+    of_lines = [(size, Serving(size=size * MEGABYTE)) for size in (1, 10, 30)]
     return [
         *(Case(f"{size} MB of routing tables", serving, "routingtables") for size, serving in sizes),
-        *(Case(f"{size} MB configuration file", serving, "configfile") for size, serving in sizes),
+        *(Case(f"{size} MB configuration file", serving, "configfile") for size, serving in of_lines),
         *(
             Case(f"{size} MB configuration file of one value", serving, "configfile", below="/one_value")
             for size, serving in sizes
