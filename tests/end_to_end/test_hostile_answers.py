@@ -5,13 +5,13 @@ from __future__ import annotations
 import contextlib
 import socket
 import time
-from typing import Any, Callable
+from typing import Any
 
 import pytest
 
 from harness.answers import agent_answer, config_answer, data_answer, empty_answer, error_answer
 from harness.messages import NETWORK_ERROR, NOT_PARSED, TIMED_OUT, call_failed, completed, error_returned, written_to
-from harness.raw_server import RawServer, Reply, http_answer
+from harness.raw_server import RawServer, Reply, http_answer, pouring
 from harness.sandbox import EXIT_FAILURE, Host, Result
 
 SUCCESS = Result(0, b"", completed("discover"))
@@ -95,22 +95,9 @@ def test_a_broken_head_or_body_is_a_network_error(host: Host, reply: bytes) -> N
     assert discover_from(host, reply) == failure(NETWORK_ERROR)
 
 
-def pouring(piece: bytes, first: bytes = b"", pause: float = 0.0) -> Callable[[socket.socket], None]:
-    """A reply that sends the same piece again and again until the client leaves."""
-
-    def pour(stream: socket.socket) -> None:
-        with contextlib.suppress(OSError):
-            stream.sendall(first)
-            while True:
-                stream.sendall(piece)
-                time.sleep(pause)
-
-    return pour
-
-
 @pytest.mark.parametrize("piece", [b"X-Header: value\r\n", b"y" * 1000], ids=["lines", "one line"])
 def test_a_head_without_end_is_given_up(host: Host, piece: bytes) -> None:
-    assert discover_from(host, pouring(piece, HEAD)) == failure(NETWORK_ERROR)
+    assert discover_from(host, pouring(HEAD, piece)) == failure(NETWORK_ERROR)
 
 
 def test_a_slow_answer_is_waited_for(host: Host) -> None:
@@ -133,7 +120,7 @@ def waits(stream: socket.socket) -> None:
 @pytest.mark.slow
 @pytest.mark.parametrize(
     "reply",
-    [waits, pouring(b"x", HEAD + b"\r\n***BEGIN***\n1\n", pause=0.5)],
+    [waits, pouring(HEAD + b"\r\n***BEGIN***\n1\n", b"x", pause=0.5)],
     ids=["no answer", "an answer that drips without end"],
 )
 def test_after_two_minutes_the_call_is_given_up(host: Host, reply: Reply) -> None:

@@ -2,18 +2,15 @@
 
 from __future__ import annotations
 
-import contextlib
-import socket
 import time
 import zlib
 from pathlib import Path
-from typing import Callable
 
 import pytest
 
 from harness.measured import MEBIBYTE, measured_run
 from harness.messages import NETWORK_ERROR, TIMED_OUT, call_failed
-from harness.raw_server import RawServer, Reply, http_answer
+from harness.raw_server import RawServer, Reply, http_answer, pouring
 from harness.registered_host import RegisteredHost
 from harness.sandbox import EXIT_FAILURE, Host, Result
 
@@ -32,19 +29,6 @@ BROKEN = Result(EXIT_FAILURE, b"", call_failed("configfile", NETWORK_ERROR))
 def most_for(answer_bytes: int) -> int:
     """The memory that a run may take for an answer of this size."""
     return 4 * answer_bytes + 256 * MEBIBYTE
-
-
-def pouring(first: bytes, piece: bytes, pause: float = 0.0) -> Callable[[socket.socket], None]:
-    """A reply that sends the same piece again and again until the client leaves."""
-
-    def pour(stream: socket.socket) -> None:
-        with contextlib.suppress(OSError):
-            stream.sendall(first)
-            while True:
-                stream.sendall(piece)
-                time.sleep(pause)
-
-    return pour
 
 
 def attack(host: Host, tmp_path: Path, reply: Reply, most: int) -> Result:

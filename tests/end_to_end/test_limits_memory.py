@@ -12,19 +12,11 @@ import pytest
 from harness.answers import config_answer
 from harness.measured import MEBIBYTE, measured_run
 from harness.messages import NETWORK_ERROR, REQUEST_FAILED, TIMED_OUT, call_failed
-from harness.raw_server import RawServer, http_answer
+from harness.raw_server import RawServer, http_answer, pouring
 from harness.registered_host import RegisteredHost
 from harness.sandbox import EXIT_FAILURE, Host, Result
 from harness.tls_files import CertificateAuthority
-from test_limits import (
-    CHUNKED,
-    LATEST_END_SECONDS,
-    MOST_FOR_HEADERS,
-    TIME_LIMIT_SECONDS,
-    attack,
-    most_for,
-    pouring,
-)
+from test_limits import CHUNKED, LATEST_END_SECONDS, MOST_FOR_HEADERS, TIME_LIMIT_SECONDS, attack, most_for
 
 NEARLY_MOST = 100 * MEBIBYTE
 MANY_LINES = 1_270_000

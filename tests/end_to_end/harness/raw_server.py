@@ -11,6 +11,7 @@ import contextlib
 import socket
 import ssl
 import threading
+import time
 from dataclasses import dataclass, field
 from typing import Callable, Iterator, Optional, Sequence, Union
 
@@ -156,6 +157,19 @@ class RawServer:
         except OSError:
             connection.close()
             raise
+
+
+def pouring(first: bytes, piece: bytes, pause: float = 0.0) -> Callable[[socket.socket], None]:
+    """A reply that sends the same piece again and again until the client leaves."""
+
+    def pour(stream: socket.socket) -> None:
+        with contextlib.suppress(OSError):
+            stream.sendall(first)
+            while True:
+                stream.sendall(piece)
+                time.sleep(pause)
+
+    return pour
 
 
 def end_sending(stream: socket.socket) -> None:
