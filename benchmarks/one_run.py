@@ -49,6 +49,7 @@ def pairs(tool: str, port: int) -> list[Pair]:
     form = [part for field in ("action=discover", "login=admin", "passwd=secret") for part in ("-F", field)]
     post = ["curl", "-s", *form, f"{url}/ws_storagepool.php"]
     request = ["openssl", "req", "-x509", "-newkey", "rsa:1024", "-md5", "-nodes", "-subj", "/C=US/CN=x"]
+    request += ["-keyout", "/dev/stdout"]
     return [
         Pair("`--help`", [tool, "--help"], version, "`curl --version`", 0.8),
         Pair("an argument error", [tool, "--nonsense"], version, "`curl --version`", 0.8),

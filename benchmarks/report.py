@@ -257,10 +257,10 @@ def draw_plots(results: Results, docs: Path) -> None:
     """Speed, passes and memory over size."""
     speeds = Speeds(results["reading"])
     reading = {
-        f"{kind}: {who.replace('_', ' ')}": [
+        f"{named}: {who.replace('_', ' ')}": [
             (int(size) / MEGABYTE, speeds.megabytes(kind, who, size)) for one, size in speeds.of(kind) if one == who
         ]
-        for kind in ("read", "config")
+        for kind, named in (("read", "read"), ("config", "read and write"))
         for who in dict.fromkeys(who for who, _ in speeds.of(kind))
         if who != "iniparser"
     }
