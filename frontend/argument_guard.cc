@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "support/parsed_options.h"
@@ -15,6 +16,19 @@ constexpr char kPasswordAssignment[] = "--passwd=";
 constexpr std::size_t kAssignmentLength = sizeof(kPasswordAssignment) - 1;
 constexpr char kMask = '*';
 
+bool IsAssignment(const char* text) {
+  return std::strncmp(text, kPasswordAssignment, kAssignmentLength) == 0;
+}
+
+/// Length of all the assignments that `text` begins with. One of them may be the
+/// option and another the password's own beginning: only the option library knows
+/// which.
+std::size_t AssignmentsLength(const char* text) {
+  std::size_t length = 0;
+  while (IsAssignment(text + length)) length += kAssignmentLength;
+  return length;
+}
+
 /// True for a value that a stand-in can take the place of: the option library
 /// refuses some that are empty or begin with a dash.
 bool CanStandIn(const char* value) { return *value != '\0' && *value != '-'; }
@@ -22,27 +36,33 @@ bool CanStandIn(const char* value) { return *value != '\0' && *value != '-'; }
 }  // namespace
 
 ArgumentGuard::ArgumentGuard(int argc, char** argv) {
+  bool isValue = false;
   for (int index = 0; index < argc; ++index) {
     char* const text = argv[index];
     const bool isOption = index > 0 && std::strcmp(text, kPasswordOption) == 0;
-    if (index > 0 && std::strncmp(text, kPasswordAssignment, kAssignmentLength) == 0) {
+    if (isValue) {
+      texts_.push_back(TakePassword(text));
+    } else if (index > 0 && IsAssignment(text)) {
       texts_.push_back(kPasswordAssignment + TakePassword(text + kAssignmentLength));
     } else {
       texts_.push_back(text);
     }
-    if (isOption && index + 1 < argc) texts_.push_back(TakePassword(argv[++index]));
+    // Also where it was a value itself: the option before may have been another's.
+    isValue = isOption;
   }
   for (std::string& text : texts_) pointers_.push_back(text.data());
   pointers_.push_back(nullptr);
 }
 
 std::string ArgumentGuard::TakePassword(char* value) {
-  std::string inCopy;
-  if (CanStandIn(value)) {
-    inCopy = std::to_string(passwords_.size());
-    passwords_.emplace_back(value);
+  const std::size_t prefix = AssignmentsLength(value);
+  const char* const password = value + prefix;
+  std::string inCopy(value, prefix);
+  if (CanStandIn(password)) {
+    inCopy += std::to_string(passwords_.size());
+    passwords_.emplace_back(password);
   } else {
-    inCopy = value;
+    inCopy += password;
   }
   std::memset(value, kMask, std::strlen(value));
   return inCopy;
@@ -51,11 +71,14 @@ std::string ArgumentGuard::TakePassword(char* value) {
 void ArgumentGuard::RestorePassword(boost::program_options::variables_map* options) {
   const auto found = options->find(kOptionName);
   if (found == options->end()) return;
-  const std::string& standIn = found->second.as<support::SharedSecret>()->text();
-  if (!CanStandIn(standIn.c_str())) return;
-  support::Secret& password = passwords_.at(std::stoul(standIn));
-  found->second.value() =
-      support::SharedSecret(std::make_shared<const support::Secret>(std::move(password)));
+  const std::string& inCopy = found->second.as<support::SharedSecret>()->text();
+  const std::size_t prefix = AssignmentsLength(inCopy.c_str());
+  if (!CanStandIn(inCopy.c_str() + prefix)) return;
+  support::Secret& taken = passwords_.at(std::stoul(inCopy.substr(prefix)));
+  auto password = std::make_shared<support::Secret>(std::string_view(inCopy).substr(0, prefix));
+  password->Append(taken.text());
+  taken = support::Secret();
+  found->second.value() = support::SharedSecret(std::move(password));
 }
 
 }  // namespace corvel::storage::tzregister

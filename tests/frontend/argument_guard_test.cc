@@ -57,8 +57,12 @@ TEST(ArgumentGuard, MasksThePasswordAndLetsAStandInTakeItsPlace) {
       {{"t", "--passwdfile=f"}, {"t", "--passwdfile=f"}, {"t", "--passwdfile=f"}},
       {{"t", "--login", "passwd"}, {"t", "--login", "passwd"}, {"t", "--login", "passwd"}},
       {{"t", "--passwd", "--passwd", "x"},
-       {"t", "--passwd", "********", "x"},
-       {"t", "--passwd", "--passwd", "x"}},
+       {"t", "--passwd", "********", "*"},
+       {"t", "--passwd", "--passwd", "0"}},
+      {{"t", "--passwd", "--passwd=x"},
+       {"t", "--passwd", "**********"},
+       {"t", "--passwd", "--passwd=0"}},
+      {{"t", "--passwd=--passwd=x"}, {"t", "--passwd=**********"}, {"t", "--passwd=--passwd=0"}},
       {{"t", "--passwd", "a", "--passwd", "bc"},
        {"t", "--passwd", "*", "--passwd", "**"},
        {"t", "--passwd", "0", "--passwd", "1"}},
@@ -101,6 +105,15 @@ TEST(ArgumentGuard, RestoresTheRightOneOfSeveral) {
   EXPECT_EQ(GuardedPassword({"t", "--login", "--passwd", "x", "--passwd", "y"}), "y");
   EXPECT_EQ(GuardedPassword({"t", "--login", "--passwd", "x"}), "(none)");
   EXPECT_EQ(GuardedPassword({"t", "--passwd", "y", "--", "--passwd", "x"}), "y");
+}
+
+TEST(ArgumentGuard, RestoresAPasswordThatLooksLikeTheOption) {
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "--passwd"}), "--passwd");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd", "--passwd=x"}), "--passwd=x");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd=--passwd=x"}), "--passwd=x");
+  EXPECT_EQ(GuardedPassword({"t", "--passwd=--passwd=-x"}), "--passwd=-x");
+  EXPECT_EQ(GuardedPassword({"t", "--login", "--passwd", "--passwd=x"}), "x");
+  EXPECT_EQ(GuardedPassword({"t", "--login", "--passwd", "--passwd", "x"}), "x");
 }
 
 /// Runs `words`, whose last one ends in as many "?" as `password` is long, with
