@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import os
-import shutil
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Mapping, Optional
@@ -24,17 +23,15 @@ def run_counted(
     host: Host, *arguments: str, environment: Optional[Mapping[str, str]] = None, **settings: object
 ) -> CountedRun:
     """Runs the tool with the library that counts, which is built with the tests."""
-    library = host.work / "pass_counter.so"
-    shutil.copy(binary().parent / "tests" / "pass_counter.so", library)
+    library = host.install_library(binary().parent / "tests" / "pass_counter.so")
     passes, status = host.work / "passes", host.work / "status"
     # A sanitizer's library wants to be the first, which it need not be here.
     sanitizer = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
-    preloaded = {"LD_PRELOAD": str(library), "ASAN_OPTIONS": sanitizer.lstrip(":")}
+    preloaded = {"LD_PRELOAD": library, "ASAN_OPTIONS": sanitizer.lstrip(":")}
     kept = {"PASS_COUNT_FILE": str(passes), "PASS_PEAK_FILE": str(status)}
     result = host.run(*arguments, environment={**preloaded, **kept, **(environment or {})}, **settings)  # type: ignore[arg-type]
     count = passes.stat().st_size if passes.exists() else 0
-    for file in (library, passes):
-        file.unlink(missing_ok=True)
+    passes.unlink(missing_ok=True)
     return CountedRun(result, count, _peak_bytes(status))
 
 

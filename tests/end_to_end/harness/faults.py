@@ -64,9 +64,9 @@ class FaultedHost:
     def __init__(self, machine: RegisteredHost, report: Path) -> None:
         self.machine = machine
         self._report = report
-        library = Path(os.environ["TZREGISTER_FAULTS_LIBRARY"]).resolve()
-        machine.host.shown += [library, report]
-        machine.host.environment["LD_PRELOAD"] = str(library)
+        machine.host.shown.append(report)
+        library = machine.host.install_library(Path(os.environ["TZREGISTER_FAULTS_LIBRARY"]))
+        machine.host.environment["LD_PRELOAD"] = library
         machine.host.environment["TZREGISTER_FAULT_REPORT"] = str(report)
         report.write_bytes(bytes(_REPORT.size))
 

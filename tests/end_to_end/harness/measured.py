@@ -36,9 +36,9 @@ class MeasuredRun:
 
 def measured_run(host: Host, peak_file: Path, *arguments: str, time_limit: float) -> MeasuredRun:
     """Runs the tool on this host, its pauses being moments; `peak_file` lies outside of the host."""
-    library = Path(os.environ["TZREGISTER_FAULTS_LIBRARY"]).resolve()
+    library = host.install_library(Path(os.environ["TZREGISTER_FAULTS_LIBRARY"]))
     peak_file.write_bytes(b"")
-    host.shown += [peak_file, library]
+    host.shown.append(peak_file)
     script = f"exec /usr/bin/python3 -c '{_WATCH}' {peak_file} {library} {_LIMIT_BYTES} \"$@\""
     result = host.run(*arguments, shell=script, time_limit=time_limit)
     return MeasuredRun(result, int(peak_file.read_text()))

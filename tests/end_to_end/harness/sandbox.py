@@ -17,6 +17,8 @@ from pathlib import Path
 from typing import IO, Mapping, Optional, Sequence
 
 DEFAULT_PROGRAM = "/opt/quorvex/bin/tzregister"
+# Without a blank, at which the loader would split the name of what is preloaded.
+_LIBRARY = "/opt/quorvex/lib/preloaded.so"
 DEFAULT_TIME_LIMIT_SECONDS = 90.0
 EXIT_FAILURE = 255
 
@@ -119,6 +121,7 @@ class Host:
         self._registry = self._files / "qxregistry.cfg"
         self._ssl = Path("/etc/ssl")
         self._zenta: Optional[Path] = None
+        self._library: Optional[Path] = None
         self._name = ""
         self._prepares = False
         for made in (self.work, self.etc_quorvex, self._files):
@@ -126,6 +129,11 @@ class Host:
         (self._files / "hosts").write_text(_HOSTS)
         (self._files / "nsswitch.conf").write_text(_NAME_SERVICE)
         (self._files / "host.conf").write_text(_ALL_ADDRESSES_OF_A_NAME)
+
+    def install_library(self, library: Path) -> str:
+        """Gives the machine a library to preload; the path that it has there."""
+        self._library = library.resolve()
+        return _LIBRARY
 
     def install_registry(self, text: bytes) -> None:
         """Gives the machine a "/etc/qxregistry.cfg" with this text."""
@@ -213,6 +221,8 @@ class Host:
         options += [*_system_directories(), "--proc", "/proc", "--dev", "/dev", "--dir", "/tmp"]
         options += self._etc()
         options += ["--ro-bind", str(binary()), self.program]
+        if self._library is not None:
+            options += ["--ro-bind", str(self._library), _LIBRARY]
         for path in (self.work, *self.shown, *_writable_outside()):
             options += ["--bind", str(path), str(path)]
         for mount_point, size in self.small_disks.items():
