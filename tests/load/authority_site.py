@@ -36,16 +36,16 @@ http {{
   uwsgi_temp_path tmp-uwsgi; scgi_temp_path tmp-scgi;
   server {{
     listen 127.0.0.1:{port} ssl backlog=1024;
-    ssl_certificate {certificate};
-    ssl_certificate_key {key};
+    ssl_certificate "{certificate}";
+    ssl_certificate_key "{key}";
     ssl_protocols TLSv1.2 TLSv1.3;
     location ~ ^(/[a-z_]+\\.php)$ {{
       include /etc/nginx/fastcgi_params;
       fastcgi_param HTTP_HOST $http_host;
-      fastcgi_param SCRIPT_FILENAME {pages}$1;
-      fastcgi_param QUORVEX_AUTHORITY_DATA {data};
+      fastcgi_param SCRIPT_FILENAME "{pages}$1";
+      fastcgi_param QUORVEX_AUTHORITY_DATA "{data}";
       fastcgi_read_timeout 120;
-      fastcgi_pass unix:{folder}/fpm.sock;
+      fastcgi_pass "unix:{folder}/fpm.sock";
     }}
   }}
 }}

@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import re
 import shlex
+import signal
 import subprocess
 import time
 from pathlib import Path
@@ -84,6 +85,12 @@ def fish_values(program: str) -> set[str]:
     return {f"--{found[1]}" for found in (re.search(r"(?:--long-option|-l) (\S+)", line) for line in lines) if found}
 
 
+def _end(shell: pexpect.spawn) -> None:
+    """Ends a shell, also one that is too busy to heed anything else."""
+    shell.kill(signal.SIGKILL)
+    shell.wait()
+
+
 def zsh(line: str, directory: Path) -> set[str]:
     """What zsh offers for the end of this line, typed and completed with the tab key."""
     matches = directory / "matches"
@@ -98,7 +105,7 @@ def zsh(line: str, directory: Path) -> set[str]:
     # A second command shows that the first key is done with.
     shell.send("\x15echo do''ne\r")
     shell.expect_exact("done")
-    shell.close(force=True)
+    _end(shell)
     return set(matches.read_text().split())
 
 
@@ -115,5 +122,5 @@ def typed_in_bash(line: str, directory: Path) -> str:
     shell.send("\x01echo \r")
     shell.expect("\n(.*?)\r?\nready> ")
     shown: str = shell.match.group(1)
-    shell.close(force=True)
+    _end(shell)
     return shown.strip()
