@@ -55,13 +55,12 @@ std::int32_t NumberAt(const char* text) {
 
 /// The number that the decimal digits at the very start of `text` form.
 std::int32_t LeadingCount(const char* text) {
-  char digits[kCountBytes];
+  char digits[kCountBytes] = {};
   std::size_t length = 0;
   while (length + 1 < sizeof(digits) && std::isdigit(static_cast<unsigned char>(text[length]))) {
     digits[length] = text[length];
     ++length;
   }
-  digits[length] = '\0';
   return NumberAt(digits);
 }
 

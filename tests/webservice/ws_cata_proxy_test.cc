@@ -346,6 +346,14 @@ TEST(PCallWebService, ReturnsOnATable) {
   EXPECT_EQ(call.records.recordCount, 1);
 }
 
+TEST(PCallWebService, KeepsATableOnlyOnce) {
+  Call call;
+  call.fake.http.Answer("***BEGIN***\n1\na\nS\nx\n***DONE***\n");
+  ExpectSuccess(call.Perform());
+  EXPECT_EQ(call.ws.buffer.data, nullptr);
+  EXPECT_EQ(call.ws.buffer.size, 0u);
+}
+
 TEST(PCallWebService, ReturnsOnATableWhateverTheHttpStatus) {
   Call call;
   call.fake.http.Answer("***BEGIN***\n0\na\nS\n").httpStatus = 500;
