@@ -197,7 +197,10 @@ def heap_line(speeds: Speeds) -> str:
     """What a table of records takes."""
     heap = speeds.heap["records", "tzregister", "100000"]
     figure = marked(f"{heap:.1f}", heap > MOST_HEAP)
-    return f"Records of six columns take {figure} times their text in memory; at most {MOST_HEAP:.0f} are wanted."
+    return (
+        f"Records of six columns take {figure} times their text in memory; at most {MOST_HEAP:.0f} are wanted.\n"
+        "A million of them are refused: [transfers.md](transfers.md) says what a table may take."
+    )
 
 
 def sections(results: Results) -> dict[str, str]:
