@@ -18,6 +18,9 @@ from harness.sandbox import Result
 # calls, injected, number, target, writing: as the library has them.
 _REPORT = struct.Struct("=QQqqq")
 
+# A failed allocation in the TLS library can leave both sides waiting for each other until
+# the tool's own deadline.
+TIME_LIMIT_SECONDS = 160.0
 
 # What still fails when all is done and reported is easily forgotten.
 LAST = 8
@@ -75,7 +78,7 @@ class FaultedHost:
         with self._report.open("r+b") as report:
             report.write(bytes(_REPORT.size))
         environment = {"TZREGISTER_FAULT": str(fault)}
-        result, changes = self.machine.run(action, url, environment=environment)
+        result, changes = self.machine.run(action, url, environment, TIME_LIMIT_SECONDS)
         calls, injected, _, target, writing = _REPORT.unpack(self._report.read_bytes())
         return FaultedRun(result, changes, calls, injected, target, writing >= 0)
 
