@@ -67,7 +67,6 @@ void AddExtension(X509* certificate, int nid, const std::string& value) {
 }
 
 void FillCertificate(X509* certificate, EVP_PKEY* key) {
-  X509_set_version(certificate, kVersion);
   ASN1_INTEGER_set(X509_get_serialNumber(certificate), kSerialNumber);
   SetValidity(certificate, std::time(nullptr));
   X509_set_pubkey(certificate, key);
@@ -112,20 +111,33 @@ Bytes SignBytes(const Bytes& bytes, EVP_PKEY* key) {
   return signature;
 }
 
-/// Signs the certificate with its version number as it is meant to be. Newer
-/// releases of the library put their own version number in while they sign, so
-/// their signing only settles the algorithm; the signature is then made again
-/// over the number that goes out.
+/// Says in `algorithm`, a part of the certificate, how it is signed. There is no
+/// setter for the parts of a signature; the certificate is ours.
+bool SetAlgorithm(const X509_ALGOR* algorithm) {
+  return X509_ALGOR_set0(const_cast<X509_ALGOR*>(algorithm), OBJ_nid2obj(NID_md5WithRSAEncryption),
+                         V_ASN1_NULL, nullptr) == 1;
+}
+
+/// Puts `bytes`, all bits of them, into `placed`, a part of the certificate.
+bool SetSignature(const ASN1_BIT_STRING* placed, const Bytes& bytes) {
+  auto* const signature = const_cast<ASN1_BIT_STRING*>(placed);
+  signature->flags |= ASN1_STRING_FLAG_BITS_LEFT;
+  return ASN1_STRING_set(signature, bytes.data(), static_cast<int>(bytes.size())) == 1;
+}
+
+/// Signs the certificate with its version number as it is meant to be: X509_sign
+/// would put another one in. It would also free a part of the certificate twice
+/// when memory is short.
 bool Sign(X509* certificate, EVP_PKEY* key) {
-  if (X509_sign(certificate, key, EVP_md5()) <= 0) return false;
-  if (X509_set_version(certificate, kVersion) == 0) return false;
-  const Bytes signature = SignBytes(EncodeSignedPart(certificate), key);
-  if (signature.empty()) return false;
-  const ASN1_BIT_STRING* placed = nullptr;
-  X509_get0_signature(&placed, nullptr, certificate);
-  // There is no setter for a certificate's signature; the object is ours.
-  return ASN1_STRING_set(const_cast<ASN1_BIT_STRING*>(placed), signature.data(),
-                         static_cast<int>(signature.size())) == 1;
+  const ASN1_BIT_STRING* signature = nullptr;
+  const X509_ALGOR* algorithm = nullptr;
+  X509_get0_signature(&signature, &algorithm, certificate);
+  if (X509_set_version(certificate, kVersion) == 0 || !SetAlgorithm(algorithm) ||
+      !SetAlgorithm(X509_get0_tbs_sigalg(certificate))) {
+    return false;
+  }
+  const Bytes bytes = SignBytes(EncodeSignedPart(certificate), key);
+  return !bytes.empty() && SetSignature(signature, bytes);
 }
 
 }  // namespace

@@ -67,9 +67,9 @@ X509* X509_new() {
   return real == nullptr ? nullptr : real();
 }
 
-int X509_sign(X509* certificate, EVP_PKEY* key, const EVP_MD* digest) {
-  auto* const real = Working<decltype(X509_sign)>("X509_sign");
-  return real == nullptr ? 0 : real(certificate, key, digest);
+int X509_ALGOR_set0(X509_ALGOR* algorithm, ASN1_OBJECT* object, int type, void* value) {
+  auto* const real = Working<decltype(X509_ALGOR_set0)>("X509_ALGOR_set0");
+  return real == nullptr ? 0 : real(algorithm, object, type, value);
 }
 
 int X509_set_version(X509* certificate, long version) {
