@@ -138,11 +138,7 @@ void WSCataProxy::PCallWebService(WebService* ws, RecordSet* records) {
     support::PrintDiagnostic("null ws or res");
     failures::kNothingToCall.Throw();
   }
-  if (IsTable(ws, records)) {
-    // The records hold what the operation reads; a large answer is not kept twice.
-    ws->buffer.Release();
-    return;
-  }
+  if (IsTable(ws, records)) return;
   support::PrintDiagnostic("Server's HTTP response code was " + std::to_string(ws->httpStatus));
   failures::kCallFailed.Throw();
 }
